@@ -1,0 +1,33 @@
+# Find the real OpenWrt libraries (staging dir of an SDK, or an install prefix
+# given through CMAKE_PREFIX_PATH) and expose them under the same target names
+# as the stand-ins. None of them installs pkg-config files.
+function(lr_import_openwrt target header library)
+  string(MAKE_C_IDENTIFIER "${target}" _id)
+  find_path(${_id}_INCLUDE_DIR ${header} REQUIRED)
+  find_library(${_id}_LIBRARY ${library} REQUIRED)
+  add_library(${target} UNKNOWN IMPORTED GLOBAL)
+  # Imported include directories are SYSTEM for consumers, so the real
+  # headers' own warnings do not fail our -Werror build.
+  set_target_properties(${target} PROPERTIES
+    IMPORTED_LOCATION "${${_id}_LIBRARY}"
+    INTERFACE_INCLUDE_DIRECTORIES "${${_id}_INCLUDE_DIR}")
+endfunction()
+
+lr_import_openwrt(lr::ubox libubox/uloop.h ubox)
+lr_import_openwrt(lr::blobmsg_json libubox/blobmsg_json.h blobmsg_json)
+lr_import_openwrt(lr::ubus libubus.h ubus)
+lr_import_openwrt(lr::uci uci.h uci)
+set_property(TARGET lr::blobmsg_json APPEND PROPERTY INTERFACE_LINK_LIBRARIES lr::ubox)
+set_property(TARGET lr::ubus APPEND PROPERTY INTERFACE_LINK_LIBRARIES lr::ubox)
+set_property(TARGET lr::uci APPEND PROPERTY INTERFACE_LINK_LIBRARIES lr::ubox)
+
+find_path(IWINFO_INCLUDE_DIR iwinfo.h)
+find_library(IWINFO_LIBRARY iwinfo)
+if(IWINFO_INCLUDE_DIR AND IWINFO_LIBRARY)
+  lr_import_openwrt(lr::iwinfo iwinfo.h iwinfo)
+endif()
+find_path(MAC_OUI_INCLUDE_DIR mac_oui.h)
+find_library(MAC_OUI_LIBRARY mac-oui)
+if(MAC_OUI_INCLUDE_DIR AND MAC_OUI_LIBRARY)
+  lr_import_openwrt(lr::mac_oui mac_oui.h mac-oui)
+endif()
