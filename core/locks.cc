@@ -1,0 +1,3 @@
+#include "core/locks.h"
+
+pthread_mutex_t uci_lock = PTHREAD_MUTEX_INITIALIZER;

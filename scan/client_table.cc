@@ -1,0 +1,314 @@
+#include "scan/client_table.h"
+
+#include <arpa/inet.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "core/text.h"
+#include "scan/arp.h"
+#include "scan/bridge.h"
+#include "scan/lease.h"
+#include "scan/neigh.h"
+#include "scan/topology.h"
+
+struct client_table client_table = {nullptr, nullptr};
+pthread_rwlock_t client_table_lock = PTHREAD_RWLOCK_INITIALIZER;
+struct arp_item arp_item[ARP_ITEM_ROWS] = {};
+
+const scan_ops scan_backend_default = {
+    .read_leases = read_dhcp_leases,
+    .dump = dump_neighbours,
+    .station_is_active = station_is_active,
+    .open_arp_socket = open_arp_socket,
+    .send_arp = send_arp_request,
+    .arp_check = arp_check,
+    .arp_wait_ms = ARP_WAIT_MS,
+};
+scan_ops scan_backend = scan_backend_default;
+
+client_table_entry *find_entry_by_mac(const uint8_t mac[6]) noexcept
+{
+    for (client_table_entry *e = client_table.head; e; e = e->next)
+        if (std::memcmp(e->mac, mac, 6) == 0)
+            return e;
+    return nullptr;
+}
+
+client_table_entry *find_entry_by_ip(uint32_t ip) noexcept
+{
+    for (client_table_entry *e = client_table.head; e; e = e->next)
+        if (e->ip == ip)
+            return e;
+    return nullptr;
+}
+
+client_table_entry *new_entry() noexcept
+{
+    auto *e = static_cast<client_table_entry *>(calloc(1, sizeof(client_table_entry)));
+    if (!e) {
+        fputs("lanroster: out of memory.\n", stderr);
+        return nullptr;
+    }
+    e->device_type = -1;
+    e->type_source = TYPE_SOURCE_NONE;
+    return e;
+}
+
+void append_entry(client_table_entry *entry) noexcept
+{
+    entry->next = nullptr;
+    if (client_table.tail)
+        client_table.tail->next = entry;
+    else
+        client_table.head = entry;
+    client_table.tail = entry;
+}
+
+void set_arp_row(uint32_t ip, const uint8_t mac[6]) noexcept
+{
+    struct arp_item &row = arp_row(ip);
+    row.ip = ip;
+    std::memcpy(row.mac, mac, 6);
+    row.active = 1;
+}
+
+void clear_arp_row(uint32_t ip) noexcept
+{
+    arp_row(ip) = {};
+}
+
+void free_client_table_locked() noexcept
+{
+    client_table_entry *e = client_table.head;
+    while (e) {
+        client_table_entry *next = e->next;
+        free(e);
+        e = next;
+    }
+    client_table.head = nullptr;
+    client_table.tail = nullptr;
+}
+
+namespace {
+
+struct free_deleter {
+    void operator()(void *p) const noexcept { free(p); }
+};
+template <typename T>
+using malloc_ptr = std::unique_ptr<T, free_deleter>;
+
+// Releases the write lock however the pass ends.
+struct write_hold {
+    write_hold() noexcept { pthread_rwlock_wrlock(&client_table_lock); }
+    ~write_hold() { pthread_rwlock_unlock(&client_table_lock); }
+    write_hold(const write_hold &) = delete;
+    write_hold &operator=(const write_hold &) = delete;
+};
+
+// The lease rows of this pass, read once at its start.
+lease_row *pass_leases = nullptr;
+int pass_lease_count = 0;
+
+// Call sites of the parts that are not in yet. Each has no effect now and
+// keeps its place in the order of the pass.
+void add_hook_stations_locked() {}     // stations of an access point or repeater
+void run_ipv6_phases_locked() {}       // IPv6 neighbours and Neighbor Solicitation
+void assign_ports_locked() {}          // bridge port, wire type and guest of each entry
+void mark_front_clients_locked() {}    // clients upstream of a non-router node
+void clean_name(char * /*text*/) {}    // the recognition store's text cleaning
+int name_from_probe_cache(client_table_entry * /*e*/) { return 0; }
+void name_from_state_store(const client_table_entry * /*e*/, char * /*out*/, size_t /*size*/) {}
+
+bool lease_names(const lease_row &row)
+{
+    return row.hostname[0] != '\0' && std::strcmp(row.hostname, "*") != 0;
+}
+
+// Steps 1 and 2 of the hostname phase: a lease for the MAC, then for the
+// address text (equal length, equal in the first 20 characters).
+bool name_from_leases(client_table_entry *e, const char *ip_text)
+{
+    for (int i = 0; i < pass_lease_count; i++) {
+        const lease_row &row = pass_leases[i];
+        if (std::memcmp(row.mac, e->mac, 6) == 0 && lease_names(row)) {
+            copy_str(e->hostname, row.hostname);
+            clean_name(e->hostname);
+            return true;
+        }
+    }
+    size_t len = std::strlen(ip_text);
+    for (int i = 0; i < pass_lease_count; i++) {
+        const lease_row &row = pass_leases[i];
+        if (std::strlen(row.ip) == len && std::strncmp(row.ip, ip_text, 20) == 0 && lease_names(row)) {
+            copy_str(e->hostname, row.hostname);
+            clean_name(e->hostname);
+            return true;
+        }
+    }
+    return false;
+}
+
+void name_from_dhcpv6(client_table_entry *e)
+{
+    malloc_ptr<char> name(dhcpv6_hostname(e->ip6_local));
+    if (name)
+        copy_str(e->hostname, std::string_view(name.get(), strnlen(name.get(), 64)));
+}
+
+// Whether the hook file finishes the entry's name (step 6).
+bool name_from_hook(client_table_entry *e)
+{
+    hook_client hook{};
+    if (!hook_lookup(&hook, e->mac))
+        return false;
+    clean_name(hook.name);
+    if (hook.name[0] == '\0')
+        return false;
+    copy_str(e->hostname, hook.name);
+    return std::strcmp(hook.name, "UNKNOWN") != 0 || hook.obt_name_ok == 1;
+}
+
+void name_entry(client_table_entry *e)
+{
+    char ip_text[INET_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET, &e->ip, ip_text, sizeof(ip_text));
+    bool leased = name_from_leases(e, ip_text);
+    if (e->hostname[0] == '\0')
+        name_from_dhcpv6(e);
+    bool had_name = e->hostname[0] != '\0';
+    char kept[sizeof(e->hostname)];
+    std::memcpy(kept, e->hostname, sizeof(kept));
+    bool router_like = std::strcmp(sys_mode_text, "router") == 0 || std::strcmp(sys_mode_text, "hotspot") == 0;
+    if (!leased && !router_like && name_from_hook(e))
+        return;
+    int probed = name_from_probe_cache(e);
+    if (had_name) {
+        std::memcpy(e->hostname, kept, sizeof(kept));
+        return;
+    }
+    if (probed > 0)
+        return;
+    char stored[sizeof(e->hostname)] = {};
+    name_from_state_store(e, stored, sizeof(stored));
+    copy_str(e->hostname, stored[0] ? std::string_view(stored) : std::string_view(HOSTNAME_FALLBACK));
+}
+
+// Steps 2 to 4: the sources read before anything of the last pass is
+// dropped. Returns 0, or -1 with the message of the failing source.
+int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
+{
+    int lease_cap = LEASE_ROWS_START;
+    malloc_ptr<lease_row> leases(static_cast<lease_row *>(calloc(lease_cap, sizeof(lease_row))));
+    if (!leases)
+        return -1;
+    lease_row *rows = leases.release();
+    int count = scan_backend.read_leases(&rows, &lease_cap);
+    leases.reset(rows);
+    if (count < 0)
+        return -1;
+
+    int fdb_cap = FDB_RECORDS_START;
+    malloc_ptr<uint8_t> fdb(static_cast<uint8_t *>(calloc(fdb_cap, FDB_RAW_RECORD)));
+    if (!fdb) {
+        fputs("ARP_sniffer: bridge buff malloc failed.\n", stderr);
+        return -1;
+    }
+    uint8_t *raw = fdb.release();
+    int records = read_bridges(&raw, &fdb_cap);
+    fdb.reset(raw);
+    if (records < 0) {
+        fputs("ARP_sniffer: get bridge failed.\n", stderr);
+        return -1;
+    }
+
+    int dump_cap = NEIGH_DUMP_START;
+    dump.reset(static_cast<uint8_t *>(malloc(dump_cap)));
+    if (!dump) {
+        fputs("ARP_sniffer: neigh buff malloc failed.\n", stderr);
+        return -1;
+    }
+    uint8_t *buf = dump.release();
+    dump_len = scan_backend.dump(&buf, &dump_cap);
+    dump.reset(buf);
+    if (dump_len < 0) {
+        fputs("ARP_sniffer: get neigh failed.\n", stderr);
+        return -1;
+    }
+    free(pass_leases);
+    pass_leases = leases.release();
+    pass_lease_count = count;
+    return 0;
+}
+
+}  // namespace
+
+int name_entries_locked() noexcept
+{
+    int count = 0;
+    for (client_table_entry *e = client_table.head; e; e = e->next) {
+        count++;
+        if (e->hostname[0] == '\0')
+            name_entry(e);
+    }
+    return count;
+}
+
+void type_entries_locked() noexcept
+{
+    bool hook_allowed = sys_mode_text[0] != '\0' && std::strcmp(sys_mode_text, "router") != 0;
+    for (client_table_entry *e = client_table.head; e; e = e->next) {
+        bool typed = false;
+        for (int i = 0; i < pass_lease_count && !typed; i++) {
+            if (std::memcmp(pass_leases[i].mac, e->mac, 6) == 0 && pass_leases[i].type != -1) {
+                e->device_type = pass_leases[i].type;
+                e->type_source = TYPE_SOURCE_LEASE;
+                typed = true;
+            }
+        }
+        hook_client hook{};
+        if (!typed && hook_allowed && hook_lookup(&hook, e->mac) && hook.type != -1) {
+            e->device_type = hook.type;
+            e->type_source = TYPE_SOURCE_LEASE;
+        }
+    }
+}
+
+int create_client_table() noexcept
+{
+    if (pthread_rwlock_tryrdlock(&client_table_lock) != 0)
+        return -2;
+    pthread_rwlock_unlock(&client_table_lock);
+    write_hold hold;
+
+    malloc_ptr<uint8_t> dump;
+    int dump_len = 0;
+    if (read_sources_locked(dump, dump_len) < 0)
+        return -1;
+
+    free_client_table_locked();
+    free_arp_probes_locked();
+    for (struct arp_item &row : arp_item)
+        row.active = 0;
+    refresh_stations();
+
+    classify_ipv4_locked(std::span<const uint8_t>(dump.get(), static_cast<size_t>(dump_len)));
+    verify_arp_probes_locked();
+    drop_unanswered_probes_locked();
+    if (sys_mode_is_node())
+        add_hook_stations_locked();
+    run_ipv6_phases_locked();
+    check_remembered_locked();
+    assign_ports_locked();
+    if (sys_mode_is_node())
+        mark_front_clients_locked();
+    read_dhcpv6_leases();
+    int count = name_entries_locked();
+    type_entries_locked();
+
+    free(pass_leases);
+    pass_leases = nullptr;
+    pass_lease_count = 0;
+    return count;
+}
