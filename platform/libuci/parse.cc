@@ -517,7 +517,12 @@ std::string export_package(uci_context *ctx, const uci_package *p, bool header)
     uci_element *se;
     uci_foreach_element(&p->sections, se) {
         uci_section *s = uci_to_section(se);
-        out += std::string("\nconfig ") + s->type;
+        // A type with characters the reader treats specially is quoted,
+        // so that what was stored reads back the same.
+        std::string_view type(s->type);
+        bool plain = type.find_first_of("'\"\\#;") == std::string_view::npos;
+        out += "\nconfig ";
+        out += plain ? std::string(type) : quote_value(type);
         if (!s->anonymous || (ctx->flags & UCI_FLAG_EXPORT_NAME))
             out += " " + quote_value(se->name);
         out += '\n';
