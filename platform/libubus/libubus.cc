@@ -118,6 +118,27 @@ int call_event_service(ubus_context *ctx)
 	return ubus_impl::wait_request(ctx, &req, 0);
 }
 
+int add_object_once(ubus_context *ctx, ubus_object *obj)
+{
+	Builder &b = impl(ctx)->builder;
+	b.begin(kAddObject, 0, 0);
+	if (obj->name)
+		b.put_string(kAttrObjPath, obj->name);
+	if (obj->type) {
+		if (obj->type->id)
+			b.put_u32(kAttrObjType, obj->type->id);
+		else
+			build_signature(b, obj->type);
+	}
+	ubus_request req;
+	if (int ret = ubus_impl::start_request(ctx, &req, 0))
+		return ret;
+	obj->id = 0;
+	req.raw_data_cb = add_object_cb;
+	req.priv = obj;
+	return ubus_impl::wait_request(ctx, &req, 0);
+}
+
 bool init_context(ubus_context *ctx)
 {
 	std::memset(ctx, 0, sizeof(*ctx));
@@ -231,23 +252,13 @@ int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
 	for (auto &[id, o] : im->objects)
 		if (o == obj)
 			return UBUS_STATUS_INVALID_ARGUMENT;
-	Builder &b = im->builder;
-	b.begin(kAddObject, 0, 0);
-	if (obj->name)
-		b.put_string(kAttrObjPath, obj->name);
-	if (obj->type) {
-		if (obj->type->id)
-			b.put_u32(kAttrObjType, obj->type->id);
-		else
-			build_signature(b, obj->type);
+	int ret = add_object_once(ctx, obj);
+	if (ret == UBUS_STATUS_INVALID_ARGUMENT && obj->type && obj->type->id) {
+		// The cached type id may have died with its last object or with
+		// an earlier daemon: publish the signature again.
+		obj->type->id = 0;
+		ret = add_object_once(ctx, obj);
 	}
-	ubus_request req;
-	if (int ret = ubus_impl::start_request(ctx, &req, 0))
-		return ret;
-	obj->id = 0;
-	req.raw_data_cb = add_object_cb;
-	req.priv = obj;
-	int ret = ubus_impl::wait_request(ctx, &req, 0);
 	if (ret)
 		return ret;
 	if (!obj->id)

@@ -412,7 +412,10 @@ void pending_timer_cb(uloop_timeout *t)
 void default_connection_lost(ubus_context *ctx)
 {
 	Impl *im = impl(ctx);
-	if (ctx->sock.registered || im->attached || im->in_sock_cb)
+	// uloop drops a hung-up descriptor before its callback runs, so a
+	// socket served by uloop may already look unregistered here.
+	bool from_loop = im->in_sock_cb && (ctx->sock.eof || ctx->sock.error);
+	if (ctx->sock.registered || im->attached || from_loop)
 		uloop_end();
 }
 
