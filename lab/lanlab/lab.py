@@ -113,7 +113,7 @@ class Lab:
         self.detached = detached
         self.started = False
         self._mac_seq = 16
-        self._static_next = 10
+        self._static_next = 1
         self._procs = {}        # key -> (pid, start_time, description)
         self.sandboxes = []
 
@@ -295,6 +295,12 @@ class Lab:
         self._save_state()
         return sw
 
+    def _free_port_name(self):
+        n = 1
+        while f"port{n}" in self.ports:
+            n += 1
+        return f"port{n}"
+
     def _new_mac(self):
         self._mac_seq += 1
         n = self._mac_seq
@@ -330,7 +336,7 @@ class Lab:
             port_name = spec.pop("port", None)
             spec.pop("up", None)
             if port_name is None:
-                port = Port(f"p{len(self.ports) + 1}", ROUTER_BRIDGE, "direct")
+                port = Port(self._free_port_name(), ROUTER_BRIDGE, "direct")
                 self.ports[port.name] = port
             else:
                 port = self.ports.get(port_name) or self.add_port(port_name)
