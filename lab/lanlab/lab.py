@@ -6,6 +6,7 @@ import os
 import re
 import shutil
 import socket
+import struct
 import subprocess
 import time
 
@@ -17,7 +18,8 @@ SWITCH_BRIDGE = "sw0"
 NAME_RE = re.compile(r"^[a-z0-9][a-z0-9_-]{0,39}$")
 RADIO_RE = re.compile(r"^(wl|ath)")
 
-# A switch is a plain L2 box: no addresses, no IPv6 chatter of its own.
+# A switch is a plain L2 box: no addresses, no IPv6 chatter of its own (and
+# a silent client has no IPv6 either, which would announce it through MLD).
 _SWITCH_SYSCTL = {"net/ipv6/conf/all/disable_ipv6": 1, "net/ipv6/conf/default/disable_ipv6": 1}
 _CLIENT_SYSCTL = {
     "net/ipv6/conf/all/accept_dad": 0, "net/ipv6/conf/default/accept_dad": 0,
@@ -192,6 +194,8 @@ class Lab:
         return self
 
     def add_bridge(self, name, cidr4=None, cidr6=None, mac=None):
+        """A bridge in the router namespace ("br-lan" at start; a second one,
+        say "br-guest", for tests of several bridges)."""
         lines = [f"link set lo up",
                  f"link add name {name} {'address ' + mac if mac else ''} type bridge "
                  f"stp_state 0 mcast_snooping 0",
@@ -364,7 +368,8 @@ class Lab:
     def _create_netns(self, clients):
         util.ip_batch([f"netns add {c.ns}" for c in clients])
         for c in clients:
-            util.write_sysctl(c.ns, _CLIENT_SYSCTL)
+            util.write_sysctl(c.ns, _CLIENT_SYSCTL if not c.silent else
+                              dict(_CLIENT_SYSCTL, **_SWITCH_SYSCTL))
 
     def _wire(self, clients):
         """veth pairs: the local end in the router (direct port) or switch
@@ -453,6 +458,27 @@ class Lab:
         if failed:
             raise LabError("DHCP failed for " + ", ".join(failed))
 
+    def dhcp_release(self, c):
+        """Sends a DHCPRELEASE for the client's lease, as a client does when it
+        gives its address back (udhcpc -q leaves without one)."""
+        server = self.gateway.address if self.mode != "router" and self.gateway else self.router_ip
+        mac = bytes.fromhex(c.mac.replace(":", ""))
+        pkt = struct.pack("!BBBBIHH4s4s4s4s16s64s128s4s", 1, 1, 6, 0, 0x4c52c0de, 0, 0,
+                          socket.inet_aton(c.ip), bytes(4), bytes(4), bytes(4),
+                          mac.ljust(16, b"\0"), bytes(64), bytes(128), b"\x63\x82\x53\x63")
+        pkt += bytes([53, 1, 7, 54, 4]) + socket.inet_aton(server)
+        pkt += bytes([61, 7, 1]) + mac + b"\xff"
+        with util.NetnsEntered(c.ns):
+            s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            try:
+                s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+                s.bind((c.ip, 68))
+                s.sendto(pkt, (server, 67))
+            finally:
+                s.close()
+        gone = lambda: all(row[1] != c.mac for row in self.leases())
+        util.wait_for(gone, 10, what=f"the server to drop the lease of {c.name}")
+
     def announce(self, clients):
         """Each client sends one datagram to the router, as a real device does
         when it starts talking: the router learns it in its neighbour table
@@ -467,7 +493,11 @@ class Lab:
                                                  socket.if_nametoindex("eth0")))
 
     def _gw_for(self, c):
-        return self.router_ip
+        """The router's address on the client's bridge."""
+        if c.port.bridge == ROUTER_BRIDGE:
+            return self.router_ip
+        cidr4 = self.bridges.get(c.port.bridge, (None, None))[0]
+        return cidr4.split("/")[0] if cidr4 else self.router_ip
 
     def _router_ll_suffix(self):
         b = bytes.fromhex(self.router_mac.replace(":", ""))
@@ -493,6 +523,12 @@ class Lab:
                     self._send(socket.AF_INET, (c.ip, 9))
                 if c.ipv6 and c.ip6:
                     self._send(socket.AF_INET6, (c.ip6, 9))
+
+    def poke_address(self, address, ns=None):
+        """One datagram from the router to any address (the gateway, say)."""
+        family = socket.AF_INET6 if ":" in address else socket.AF_INET
+        with util.NetnsEntered(ns or self.router_ns):
+            self._send(family, (address, 9))
 
     def start_responder(self, c):
         argv = [util.PYTHON, os.path.join(util.LIB_DIR, "responder.py"),
@@ -578,10 +614,12 @@ class Lab:
     def change_ip(self, name, new_ip):
         c = self.client(name)
         if c.dhcp:
-            util.ip_batch(["addr flush dev eth0 scope global"], ns=c.ns)
-            if c.ipv6 and c.ip6:
-                util.ip_batch([f"addr add {c.ip6}/64 dev eth0 nodad"], ns=c.ns)
+            # the server keeps a client on its address: give the lease back
+            # first, then ask for the new one
+            self.dhcp_release(c)
             self.dhcp([c], {c.name: new_ip})
+            if c.ipv6 and c.ip6:
+                util.ip_batch([f"addr replace {c.ip6}/64 dev eth0 nodad"], ns=c.ns)
         else:
             util.ip_batch([f"addr del {c.ip}/24 dev eth0", f"addr add {new_ip}/24 dev eth0"], ns=c.ns)
             c.ip = new_ip
