@@ -14,7 +14,7 @@ uint32_t Broker::new_id()
 	// Ids are random so that a stale id held by a client rarely names a
 	// new object; all kinds share one space so no id means two things.
 	for (;;) {
-		uint32_t id = static_cast<uint32_t>(rng_());
+		uint32_t id = limits_.sequential_ids ? next_seq_id_++ : static_cast<uint32_t>(rng_());
 		if (id >= kFirstDynamicId && ids_.insert(id).second)
 			return id;
 	}

@@ -23,11 +23,13 @@
 
 namespace ubusd {
 
+
 struct Limits {
 	size_t max_out_bytes = 8u << 20;      // queued for one client before it is dropped
 	size_t max_objects_per_client = 4096;
 	size_t max_patterns_per_object = 256;
 	size_t max_pending_per_owner = 1024;  // calls awaiting an answer from one client
+	bool sequential_ids = false;          // 1024, 1025, ... so a fuzzer can name them
 };
 
 struct Client {
@@ -113,6 +115,7 @@ private:
 
 	Limits limits_;
 	std::mt19937 rng_;
+	uint32_t next_seq_id_ = ubuswire::kFirstDynamicId;
 	std::unordered_map<uint32_t, std::unique_ptr<Client>> clients_;
 	std::unordered_map<uint32_t, Object> objects_;
 	std::map<std::string, uint32_t, std::less<>> paths_;  // sorted, for lookups

@@ -12,6 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
 	ubusd::Limits lim;
 	lim.max_out_bytes = 1u << 16;
+	lim.sequential_ids = true;  // clients 1024 and 1025, then objects and types
 	ubusd::Broker br(lim, 1);
 	uint32_t ids[2] = {br.add_client("root", "root"), br.add_client("user", "users")};
 	size_t off = 0;
