@@ -24,7 +24,6 @@ const blobmsg_policy echo_policy[] = {
 blob_buf g_reply;             // used on the server thread only
 ubus_request_data g_deferred;  // a call parked by "park"
 std::atomic<bool> g_have_deferred{false};
-std::atomic<int> g_release_deferred{0};
 
 int h_echo(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *method, blob_attr *msg)
 {
