@@ -541,3 +541,38 @@ TEST(UbusdRobustness, GarbageClosesOnlyThatClient)
 	ubus_free(caller);
 	ubus_free(owner);
 }
+
+TEST(LibubusLoop, ReconnectRepublishesObjects)
+{
+	Ubusd bus;
+	fresh_types();
+	ubus_context *ctx = ubus_connect(bus.path());
+	ASSERT_NE(ctx, nullptr);
+	ubus_object obj = make_object("phoenix", &test_type);
+	ASSERT_EQ(ubus_add_object(ctx, &obj), 0);
+	uint32_t first_id = obj.id;
+	static Ubusd *g_bus;
+	static const char *g_path;
+	g_bus = &bus;
+	g_path = bus.path();
+	ctx->connection_lost = [](ubus_context *c) {
+		g_bus->start();
+		EXPECT_EQ(ubus_reconnect(c, g_path), 0);
+		ubus_add_uloop(c);
+		uloop_end();
+	};
+	ubus_add_uloop(ctx);
+	static uloop_timeout kill_timer;
+	kill_timer.cb = [](uloop_timeout *) { g_bus->stop(); };
+	uloop_timeout_set(&kill_timer, 10);
+	uloop_run();
+	ubus_context *other = ubus_connect(bus.path());
+	ASSERT_NE(other, nullptr);
+	uint32_t id = 0;
+	EXPECT_EQ(ubus_lookup_id(other, "phoenix", &id), 0);
+	EXPECT_EQ(id, obj.id);
+	EXPECT_NE(obj.id, first_id);
+	ubus_free(other);
+	ubus_free(ctx);
+	uloop_done();
+}
