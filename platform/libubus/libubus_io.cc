@@ -94,10 +94,10 @@ void connection_lost(ubus_context *ctx)
 	if (im->dead)
 		return;
 	im->dead = true;
-	if (ctx->sock.registered)
+	if (ctx->sock.registered) {
 		im->attached = true;
-	if (ctx->sock.registered)
 		uloop_fd_delete(&ctx->sock);
+	}
 	fail_requests(ctx);
 	if (ctx->connection_lost)
 		ctx->connection_lost(ctx);
