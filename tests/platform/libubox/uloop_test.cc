@@ -341,14 +341,22 @@ TEST_F(Uloop, SigintEndsRunWithSignalNumber)
 
 TEST_F(Uloop, SignalWakesSleepingLoop)
 {
-    // A child sends SIGTERM while the loop sleeps in epoll with no timer due.
+    // A child sends SIGTERM once the loop runs (uloop_run forgets earlier
+    // ones); the loop then sleeps in epoll with no timer due.
+    Pair go;
     pid_t parent = getpid();
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-        kill(parent, SIGTERM);
+        char c;
+        close(go.fd[1]);
+        if (read(go.fd[0], &c, 1) == 1)
+            kill(parent, SIGTERM);
         _exit(0);
     }
+    go.close_end(0);
+    Timer started([&](uloop_timeout *) { go.put("g"); });
+    uloop_timeout_set(&started.t, 0);
     EXPECT_EQ(run(), SIGTERM);
     waitpid(pid, nullptr, 0);
 }
@@ -394,13 +402,32 @@ TEST_F(Uloop, SignalDispositionsSetAndRestored)
     EXPECT_EQ(sa.sa_handler, SIG_IGN);
     sigaction(SIGTERM, nullptr, &sa);
     EXPECT_NE(sa.sa_handler, SIG_DFL);
+    sigaction(SIGCHLD, nullptr, &sa);
+    EXPECT_NE(sa.sa_handler, SIG_DFL);
     uloop_done();
+    sigaction(SIGCHLD, nullptr, &sa);
+    EXPECT_EQ(sa.sa_handler, SIG_DFL);
     sigaction(SIGPIPE, nullptr, &sa);
     EXPECT_EQ(sa.sa_handler, SIG_DFL);
     sigaction(SIGTERM, nullptr, &sa);
     EXPECT_EQ(sa.sa_handler, SIG_DFL);
     sigaction(SIGINT, nullptr, &sa);
     EXPECT_EQ(sa.sa_handler, SIG_DFL);
+}
+
+TEST_F(Uloop, ProgramSigchldHandlerIsKept)
+{
+    uloop_done();
+    struct sigaction sa{};
+    sa.sa_handler = own_handler;
+    sigaction(SIGCHLD, &sa, nullptr);
+    ASSERT_EQ(uloop_init(), 0);
+    struct sigaction now{};
+    sigaction(SIGCHLD, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, own_handler);
+    uloop_done();
+    signal(SIGCHLD, SIG_DFL);
+    uloop_init();
 }
 
 TEST_F(Uloop, InitIsIdempotent)
