@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <map>
@@ -502,6 +503,34 @@ TEST_F(Uloop, EdgeTriggeredFiresOncePerArrival)
     p.put("d");
     step(3);
     EXPECT_EQ(calls, 2);
+}
+
+TEST_F(Uloop, EdgeEventDuringNestedRunIsBufferedNotNested)
+{
+    Pair p;
+    int calls = 0, depth = 0, max_depth = 0;
+    std::vector<unsigned int> events;
+    Fd f(p.fd[0], [&](uloop_fd *u, unsigned int ev) {
+        calls++;
+        events.push_back(ev);
+        max_depth = std::max(max_depth, ++depth);
+        read_one(u->fd);
+        if (calls == 1) {
+            p.put("b");  // a new edge while this callback still runs
+            bool was = uloop_cancelled;
+            uloop_run_timeout(0);
+            uloop_run_timeout(0);
+            uloop_cancelled = was;
+        }
+        depth--;
+    });
+    uloop_fd_add(&f.u, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+    p.put("a");
+    step(1);
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(max_depth, 1);
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1], static_cast<unsigned>(ULOOP_READ));
 }
 
 TEST_F(Uloop, ReAddModifiesRegistration)
