@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <map>
@@ -341,14 +342,22 @@ TEST_F(Uloop, SigintEndsRunWithSignalNumber)
 
 TEST_F(Uloop, SignalWakesSleepingLoop)
 {
-    // A child sends SIGTERM while the loop sleeps in epoll with no timer due.
+    // A child sends SIGTERM once the loop runs (uloop_run forgets earlier
+    // ones); the loop then sleeps in epoll with no timer due.
+    Pair go;
     pid_t parent = getpid();
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
-        kill(parent, SIGTERM);
+        char c;
+        close(go.fd[1]);
+        if (read(go.fd[0], &c, 1) == 1)
+            kill(parent, SIGTERM);
         _exit(0);
     }
+    go.close_end(0);
+    Timer started([&](uloop_timeout *) { go.put("g"); });
+    uloop_timeout_set(&started.t, 0);
     EXPECT_EQ(run(), SIGTERM);
     waitpid(pid, nullptr, 0);
 }
@@ -394,13 +403,32 @@ TEST_F(Uloop, SignalDispositionsSetAndRestored)
     EXPECT_EQ(sa.sa_handler, SIG_IGN);
     sigaction(SIGTERM, nullptr, &sa);
     EXPECT_NE(sa.sa_handler, SIG_DFL);
+    sigaction(SIGCHLD, nullptr, &sa);
+    EXPECT_NE(sa.sa_handler, SIG_DFL);
     uloop_done();
+    sigaction(SIGCHLD, nullptr, &sa);
+    EXPECT_EQ(sa.sa_handler, SIG_DFL);
     sigaction(SIGPIPE, nullptr, &sa);
     EXPECT_EQ(sa.sa_handler, SIG_DFL);
     sigaction(SIGTERM, nullptr, &sa);
     EXPECT_EQ(sa.sa_handler, SIG_DFL);
     sigaction(SIGINT, nullptr, &sa);
     EXPECT_EQ(sa.sa_handler, SIG_DFL);
+}
+
+TEST_F(Uloop, ProgramSigchldHandlerIsKept)
+{
+    uloop_done();
+    struct sigaction sa{};
+    sa.sa_handler = own_handler;
+    sigaction(SIGCHLD, &sa, nullptr);
+    ASSERT_EQ(uloop_init(), 0);
+    struct sigaction now{};
+    sigaction(SIGCHLD, nullptr, &now);
+    EXPECT_EQ(now.sa_handler, own_handler);
+    uloop_done();
+    signal(SIGCHLD, SIG_DFL);
+    uloop_init();
 }
 
 TEST_F(Uloop, InitIsIdempotent)
@@ -475,6 +503,34 @@ TEST_F(Uloop, EdgeTriggeredFiresOncePerArrival)
     p.put("d");
     step(3);
     EXPECT_EQ(calls, 2);
+}
+
+TEST_F(Uloop, EdgeEventDuringNestedRunIsBufferedNotNested)
+{
+    Pair p;
+    int calls = 0, depth = 0, max_depth = 0;
+    std::vector<unsigned int> events;
+    Fd f(p.fd[0], [&](uloop_fd *u, unsigned int ev) {
+        calls++;
+        events.push_back(ev);
+        max_depth = std::max(max_depth, ++depth);
+        read_one(u->fd);
+        if (calls == 1) {
+            p.put("b");  // a new edge while this callback still runs
+            bool was = uloop_cancelled;
+            uloop_run_timeout(0);
+            uloop_run_timeout(0);
+            uloop_cancelled = was;
+        }
+        depth--;
+    });
+    uloop_fd_add(&f.u, ULOOP_READ | ULOOP_EDGE_TRIGGER);
+    p.put("a");
+    step(1);
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(max_depth, 1);
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1], static_cast<unsigned>(ULOOP_READ));
 }
 
 TEST_F(Uloop, ReAddModifiesRegistration)
