@@ -234,7 +234,7 @@ TEST_F(UciCli, ExtraDeltaPathIsRead)
 TEST_F(UciCli, ExportAndImport)
 {
     auto e = uci({"export", "test"});
-    EXPECT_EQ(e.out.substr(0, 36), "package test\n\nconfig system 'main'\n");
+    EXPECT_EQ(e.out.substr(0, 35), "package test\n\nconfig system 'main'\n");
     auto i = uci({"import", "fresh"}, "config a 'x'\n\toption v 1\n");
     EXPECT_EQ(i.code, 0) << i.err;
     EXPECT_EQ(read_file(dir / "conf/fresh"), "\nconfig a 'x'\n\toption v '1'\n\n");
