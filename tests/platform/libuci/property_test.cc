@@ -290,5 +290,5 @@ TEST(UciProperty, LibraryEditsMatchTheModel)
 
 TEST(UciProperty, CommandLineEditsMatchTheModel)
 {
-    run_sequence(11u, 300, true);
+    run_sequence(11u, sanitized ? 100 : 300, true);
 }
