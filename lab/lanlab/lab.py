@@ -176,6 +176,8 @@ class Lab:
         return False
 
     def start(self):
+        if self.started:
+            return self
         from . import sweep
         sweep.sweep_dead()               # leftovers of labs whose owner died
         os.makedirs(self.dir, exist_ok=True)

@@ -102,7 +102,7 @@ class Sandbox:
         path = os.path.join(self.dir, "standin.json")
         cur = util.json_load(path, None) or {
             "boardprobe": {"MAC": self.lab.router_mac.upper().replace(":", "-"),
-                           "DEV_ID": "LAB0123456789ABCDEF0123456789ABCDEF0123"},
+                           "DEV_ID": "LAB0123456789ABCDEF0123456789ABCDEF01234"},
             "online_test_exit": 0, "fing_reply": None, "exit": {}}
         cur.update(conf)
         util.json_save(path, cur)
