@@ -566,6 +566,9 @@ class Lab:
             c.state = "down"
         elif how == "remove":
             self.untrack(f"responder:{c.name}")
+            # the kernel frees a deleted namespace later, in the background:
+            # cut the cable first so the client is gone at once
+            util.ip_batch([f"link del {c.local_if}"], ns=c.link_ns, check=False)
             from . import sweep
             sweep.remove_netns([c.ns])
             c.state = "gone"
