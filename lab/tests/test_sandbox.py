@@ -47,6 +47,15 @@ def test_paths_and_console(c):
                 "network package matches the LAN")
         c.check("option ifname 'wl0'" in sb.read_package("wireless"), "wireless package lists the radios")
         c.check("option mode 'router'" in sb.read_package("sysmode"), "sysmode router")
+        uci = os.path.join(sb.platform_bin, "uci")
+        if os.access(uci, os.X_OK):
+            bad = [p for p in PACKAGES
+                   if util.run([uci, "-c", sb.path("/etc/config"), "show", p], check=False).returncode]
+            c.equal(bad, [], "every default package parses with uci")
+            r = sb.run(["uci", "get", "dhcp.@dnsmasq[0].leasefile"])
+            c.equal(r.stdout.strip(), "/tmp/dhcp.leases", "uci in the sandbox reads /etc/config")
+        else:
+            print("note  uci is not built in this tree: package parse not exercised", flush=True)
 
 
 def test_standins(c):
