@@ -8,11 +8,6 @@ from . import scenarios, sweep, util
 from .lab import Lab
 from .sandbox import default_build_dir
 
-ROSTER_QUERY = {"online_type": 2, "v6": 1, "access_limit": 0, "speed_limit": 0, "qos": 0,
-                "tfstats": 0, "wireless": 0, "qos_schedule": 0,
-                "high_bandwidth_occupancy": 0, "lanroster_file": 0}
-
-
 def say(text=""):
     print(text, flush=True)
 
@@ -52,11 +47,6 @@ def show_kernel(lab):
         say("  " + "  ".join(row))
 
 
-def roster(sb):
-    reply = sb.ubus_call("lanroster", "get_hist_list_new", ROSTER_QUERY)
-    return (reply or {}).get("client_list", [])
-
-
 def show_roster(clients):
     rows = []
     for c in clients:
@@ -90,7 +80,7 @@ class Daemon:
         self.running = True
         say(f"daemon: started in the router namespace (run directory {self.sb.dir})")
         try:
-            util.wait_for(self._on_bus, 30, interval=0.2, what="the daemon on the bus")
+            self.sb.wait_bus_object("lanroster", 30)
             self.bus = True
         except util.LabError:
             if self.sb.proc.poll() is not None:
@@ -99,18 +89,12 @@ class Daemon:
             else:
                 say("daemon: running, but it has no bus face yet (no object \"lanroster\")")
 
-    def _on_bus(self):
-        if self.sb.proc.poll() is not None:
-            raise util.LabError("daemon exited")
-        res = self.sb.ubus("list", "lanroster", timeout=2)
-        return res.returncode == 0 and "lanroster" in res.stdout
-
     def wait_roster(self, pred, timeout):
         deadline = time.monotonic() + timeout
         clients = []
         while time.monotonic() < deadline:
             try:
-                clients = roster(self.sb)
+                clients = self.sb.hist_list(v6=1)
             except util.LabError:
                 clients = []
             if pred(clients):

@@ -122,6 +122,19 @@ def test_service_and_bus(c):
                 "in a mount namespace of its own")
         env = open(f"/proc/{p.pid}/environ", "rb").read().split(b"\0")
         c.check(any(e.startswith(b"PATH=" + sb.dir.encode()) for e in env), "PATH starts with the stand-ins")
+        sb.write_hook_file([{"mac": "AA:BB:CC:DD:EE:FF", "ipaddr": "192.168.1.9", "name": "x"}])
+        sb.write_dhcpv6_leases([("host6", "fd4c:5200:0:1::9")])
+        r = sb.run(["sh", "-c", "cat /tmp/dhcp_hook.file /tmp/dhcpv6.leases"])
+        c.check('"ipaddr": "192.168.1.9"' in r.stdout and "host6 fd4c:5200:0:1::9" in r.stdout,
+                "hook and DHCPv6 lease files reach the sandbox's /tmp")
+        with util.NetnsEntered(lab.router_ns):
+            import socket
+            rx = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            rx.bind(("127.0.0.1", 44032))
+        sb.send_driver_event(b"assoc")
+        rx.settimeout(2)
+        c.equal(rx.recv(64), b"assoc", "driver event datagram on the router's 127.0.0.1:44032")
+        rx.close()
         sb.stop()
         c.check(wait_until(lambda: not util.pid_alive(p.pid) or
                            open(f"/proc/{p.pid}/stat").read().split()[2] == "Z", 5), "stop ends it")
