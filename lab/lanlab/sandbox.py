@@ -200,20 +200,27 @@ class Sandbox:
             parts.append(self.platform_bin)
         return ":".join(parts + ["/usr/sbin", "/usr/bin", "/sbin", "/bin"])
 
-    def argv(self, command):
+    # Sanitizer settings of the test run reach a sanitized daemon; nothing
+    # else of the caller's environment does.
+    PASS_ENV = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "MSAN_OPTIONS", "TSAN_OPTIONS")
+
+    def argv(self, command, env=None):
         """The full argument vector that runs command in the sandbox."""
+        assigns = [f"{k}={os.environ[k]}" for k in self.PASS_ENV if k in os.environ]
+        assigns += [f"{k}={v}" for k, v in (env or {}).items()]
         return ["ip", "netns", "exec", self.lab.router_ns, "sh",
                 os.path.join(util.LIB_DIR, "sandbox.sh"), self.dir, self.env_path(), "--"] + \
-            list(command)
+            assigns + list(command)
 
-    def start(self, command, key=None):
-        """Starts a long-running command (the daemon) in the sandbox."""
+    def start(self, command, key=None, env=None):
+        """Starts a long-running command (the daemon) in the sandbox; env
+        adds variables to its otherwise empty environment."""
         self._start_console()
         self.key = key or f"daemon:{self.name}"
         out = open(os.path.join(self.dir, "stdout.log"), "ab")
         err = open(os.path.join(self.dir, "stderr.log"), "ab")
         try:
-            self.proc = subprocess.Popen(self.argv(command), stdin=subprocess.DEVNULL,
+            self.proc = subprocess.Popen(self.argv(command, env), stdin=subprocess.DEVNULL,
                                          stdout=out, stderr=err, start_new_session=True)
         finally:
             out.close()
@@ -221,10 +228,10 @@ class Sandbox:
         self.lab.track(self.key, self.proc, " ".join(command))
         return self.proc
 
-    def run(self, command, timeout=30, input=None):
+    def run(self, command, timeout=30, input=None, env=None):
         """Runs a short command in the sandbox and returns CompletedProcess."""
         self._start_console()
-        return subprocess.run(self.argv(command), input=input, text=True, timeout=timeout,
+        return subprocess.run(self.argv(command, env), input=input, text=True, timeout=timeout,
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
     @property

@@ -138,6 +138,10 @@ def test_service_and_bus(c):
         sb.stop()
         c.check(wait_until(lambda: not util.pid_alive(p.pid) or
                            open(f"/proc/{p.pid}/stat").read().split()[2] == "Z", 5), "stop ends it")
+        r = sb.run(["sh", "-c", "echo \"$ASAN_OPTIONS|$EXTRA|$HOME|$TERM\""], env={"EXTRA": "x"})
+        import os as _os
+        want = _os.environ.get("ASAN_OPTIONS", "")
+        c.equal(r.stdout.strip(), f"{want}|x|/root|", "environment: sanitizer options and extras only")
         r = sb.run(["sh", "-c", "exit 7"])
         c.equal(r.returncode, 7, "a command's exit status comes through")
 
