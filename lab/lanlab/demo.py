@@ -31,9 +31,12 @@ def show_lan(lab):
     for c in lab.clients.values():
         kind = "radio" if c.port.radio else "wired"
         how = "silent" if c.silent else ("DHCP" if c.dhcp else ("IPv6 only" if not c.ipv4 else "static"))
+        probes = ", ".join(x for x in (c.mdns and f"mDNS {c.mdns}",
+                                       c.netbios and f"NetBIOS {c.netbios}") if x) or "-"
         rows.append((c.name, c.mac, c.ip or "-", c.ip6 or "-", f"{c.port.name} ({kind})",
-                     c.hostname or "(no name)", how, c.state))
-    table(rows, ["device", "mac", "ipv4", "ipv6", "port", "dhcp name", "address", "state"])
+                     c.hostname or "(no name)", probes, how, c.state))
+    table(rows, ["device", "mac", "ipv4", "ipv6", "port", "dhcp name", "answers probes as",
+                 "address", "state"])
 
 
 def show_kernel(lab):

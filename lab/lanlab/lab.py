@@ -690,8 +690,23 @@ class Lab:
             rows.append((parts[0], dev, "permanent" in parts))
         return rows
 
+    def stations(self):
+        """{radio port: [(mac, active)]}: the clients behind each radio-named
+        port, as a Wi-Fi driver's station list would give them (active: the
+        client is up and not silenced)."""
+        out = {}
+        for c in self.clients.values():
+            if c.port.radio and c.state != "gone":
+                out.setdefault(c.port.name, []).append((c.mac, c.state == "up"))
+        return out
+
+    def client_by_mac(self, mac):
+        mac = mac.lower().replace("-", ":")
+        return next((c for c in self.clients.values() if c.mac == mac), None)
+
     def showmacs(self, bridge=ROUTER_BRIDGE):
-        return util.run(util.in_netns(self.router_ns, ["brctl", "showmacs", bridge])).stdout
+        # brctl reads /sys, which only "ip netns exec" shows for the namespace
+        return util.run(["ip", "netns", "exec", self.router_ns, "brctl", "showmacs", bridge]).stdout
 
     def leases(self):
         """[(expiry, mac, ip, hostname, client id)] of the lease file."""
