@@ -4,11 +4,9 @@ gateway, real dnsmasq and udhcpc, and scripted client events."""
 import ipaddress
 import os
 import re
-import shutil
 import socket
 import struct
 import subprocess
-import time
 
 from . import util
 from .util import LabError, log
@@ -198,7 +196,7 @@ class Lab:
     def add_bridge(self, name, cidr4=None, cidr6=None, mac=None):
         """A bridge in the router namespace ("br-lan" at start; a second one,
         say "br-guest", for tests of several bridges)."""
-        lines = [f"link set lo up",
+        lines = ["link set lo up",
                  f"link add name {name} {'address ' + mac if mac else ''} type bridge "
                  f"stp_state 0 mcast_snooping 0",
                  f"link set {name} up"]

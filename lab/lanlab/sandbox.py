@@ -5,13 +5,11 @@ over /etc/config, /etc/profile.d, /etc/crontabs, /etc/init.d, /tmp,
 the platform commands, and the bus daemon on /var/run/ubus.sock."""
 import json
 import os
-import shutil
 import socket
 import subprocess
-import time
 
 from . import uci_defaults, util
-from .util import LabError, log
+from .util import LabError
 
 STANDINS = ["boardprobe", "online-test", "fing_device_recognize", "smart_home_report",
             "new_client_access_report", "lua"]

@@ -142,7 +142,6 @@ def test_events(c):
         lab.move(a, "wl0")
         c.check(wait_until(lambda: fdb_port(lab, a) == "wl0"), "moved: its MAC on the new port")
         c.check(reachable(lab, a), "moved: still reachable on its address")
-        old_ip = a.ip
         new_ip = f"{lab.subnet}.{lab.dhcp_range[0] + 40}"
         lab.change_ip(a, new_ip)
         c.check(a.ip == new_ip and reachable(lab, a), "new address answers")
@@ -155,7 +154,6 @@ def test_events(c):
         c.check(a2.ns in util.list_netns() and a2.mac == a.mac and reachable(lab, a2),
                 "comes back with the same MAC")
         c.check(wait_until(lambda: fdb_port(lab, a2) == "wl0"), "comes back on the port it left")
-        del old_ip
 
 
 if __name__ == "__main__":

@@ -2,7 +2,6 @@
 """The router's neighbour table and bridge forwarding table show the clients
 on their ports: switch ports, radio-named ports, ports of their own, a second
 bridge, and an upstream gateway with its own clients (access-point mode)."""
-import os
 
 import labtest
 from labtest import wait_until
