@@ -95,14 +95,12 @@ class Lab:
     def __init__(self, subnet="192.168.1", mode="router", dhcp_range=(100, 249),
                  lab_id=None, detached=False, ula_prefix="fd4c:5200:0:1"):
         util.require_root()
-        self.id = lab_id or util.new_lab_id()
-        self.prefix = f"{util.PREFIX}{self.id}-"
-        self.dir = os.path.join(util.BASE_DIR, self.id)
+        self._fixed_id = lab_id is not None
+        self._set_id(lab_id or util.new_lab_id())
         self.subnet = subnet
         self.mode = mode                    # "router": we serve DHCP; "ap": the gateway does
         self.dhcp_range = dhcp_range
         self.ula = ula_prefix
-        self.router_ns = self.ns_name("r")
         self.router_ip = f"{subnet}.1" if mode == "router" else f"{subnet}.2"
         self.router_ip6 = f"{ula_prefix}::1" if mode == "router" else f"{ula_prefix}::2"
         self.router_mac = "02:4c:52:00:00:01"
@@ -118,6 +116,12 @@ class Lab:
         self.sandboxes = []
 
     # ---------- names and state ----------
+    def _set_id(self, lab_id):
+        self.id = lab_id
+        self.prefix = f"{util.PREFIX}{lab_id}-"
+        self.dir = os.path.join(util.BASE_DIR, lab_id)
+        self.router_ns = self.ns_name("r")
+
     def ns_name(self, role):
         return f"{self.prefix}{role}"
 
@@ -178,7 +182,15 @@ class Lab:
             return self
         from . import sweep
         sweep.sweep_dead()               # leftovers of labs whose owner died
-        os.makedirs(self.dir, exist_ok=True)
+        os.makedirs(util.BASE_DIR, exist_ok=True)
+        while True:                      # claim the id: the directory is the lock
+            try:
+                os.mkdir(self.dir)
+                break
+            except FileExistsError:
+                if self._fixed_id:
+                    raise LabError(f"lab {self.id} exists already")
+                self._set_id(util.new_lab_id())
         self._save_state()               # before anything exists, so a sweeper knows us
         if not self.detached:
             sweep.guard(self)
