@@ -138,7 +138,9 @@ def main(build_dir=None):
             show_roster(d.wait_roster(changed, 40))
         else:
             show_kernel(lab)
-            say("\nThe daemon's roster (its bus query) is not there yet: it appears here "
+            say("\n\"phone\" is still in the kernel's tables: a station that leaves a radio "
+                "ages out of them; it is the daemon's ARP probe that finds it gone.")
+            say("The daemon's roster (its bus query) is not there yet: it appears here "
                 "once build/lanroster answers on the bus.")
         if d.running:
             say(f"\ndaemon console lines captured: {len(d.sb.console().splitlines())}; "
