@@ -121,7 +121,9 @@ def test_silent_remembered_and_wait_limit(c):
             c.check(talk.ip in rows and rows[talk.ip]["active"] == 1, "remembered neighbour kept and active")
             c.check(quiet.ip not in rows, "silent client's row cleared")
             c.check(away.ip not in rows, "departed client's row cleared")
-            c.check(4000 <= second["wall_ms"] < 4800,
+            # 4000 ms for the probe, then 150 ms for the departed client's
+            # two checks; the rest is slack for a loaded test machine.
+            c.check(4000 <= second["wall_ms"] < 6000,
                     f"an unanswered probe waits 4000 ms and not much longer ({second['wall_ms']} ms)")
         finally:
             proc.stdin.close()
@@ -152,7 +154,7 @@ def test_two_addresses_one_mac(c):
         p = passes(probe(sb))[0]
         ips = sorted(e["ip"] for e in p["entries"] if e["mac"] == cl.mac)
         c.check(ips and set(ips) <= {cl.ip, second_ip}, f"the MAC has entries ({ips})")
-        c.check(p["wall_ms"] < 1000, f"one answer ends the wait for both ({p['wall_ms']} ms)")
+        c.check(p["wall_ms"] < 2000, f"one answer ends the wait for both ({p['wall_ms']} ms)")
         rows = {r["ip"] for r in p["arp_item"]}
         c.check(all(ip in rows for ip in ips) and all(ip in ips for ip in rows & {cl.ip, second_ip}),
                 "rows exist exactly for the addresses that got entries")
