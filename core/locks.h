@@ -9,13 +9,20 @@
 extern pthread_mutex_t uci_lock;
 
 // Scoped hold of a pthread mutex.
-class mutex_guard {
-public:
-    explicit mutex_guard(pthread_mutex_t &m) noexcept : m_(m) { pthread_mutex_lock(&m_); }
-    ~mutex_guard() { pthread_mutex_unlock(&m_); }
+class mutex_guard
+{
+  public:
+    explicit mutex_guard(pthread_mutex_t &m) noexcept : m_(m)
+    {
+        pthread_mutex_lock(&m_);
+    }
+    ~mutex_guard()
+    {
+        pthread_mutex_unlock(&m_);
+    }
     mutex_guard(const mutex_guard &) = delete;
     mutex_guard &operator=(const mutex_guard &) = delete;
 
-private:
+  private:
     pthread_mutex_t &m_;
 };

@@ -10,7 +10,8 @@
 std::atomic<int32_t> log_level{LOG_LEVEL_DEFAULT};
 const char *lr_console_path = "/dev/console";
 
-namespace {
+namespace
+{
 
 constexpr char echo_head[] = "echo \"";
 constexpr char echo_tail[] = "\" > /dev/console";
@@ -41,7 +42,8 @@ size_t unescape_dquoted(char *dst, const char *src, size_t len)
 log_stamp take_stamp()
 {
     log_stamp s{};
-    struct timeval tv {};
+    struct timeval tv {
+    };
     gettimeofday(&tv, nullptr);
     time_t sec = tv.tv_sec;
     localtime_r(&sec, &s.tm);
@@ -69,7 +71,7 @@ void emit(const console_line &line)
         close(fd);
 }
 
-}  // namespace
+} // namespace
 
 void render_echo(console_line &out, const char *cmd, size_t cmd_len, size_t text_begin,
                  size_t full_len) noexcept
@@ -89,15 +91,14 @@ void render_echo(console_line &out, const char *cmd, size_t cmd_len, size_t text
     out.len = n;
 }
 
-void format_console_line(console_line &out, const log_stamp &stamp, int level, const char *func,
-                         int line, const char *fmt, va_list ap) noexcept
+void format_console_line(console_line &out, const log_stamp &stamp, int level, const char *func, int line,
+                         const char *fmt, va_list ap) noexcept
 {
     char cmd[LOG_LINE_BUF] = {};
-    int head = std::snprintf(cmd, sizeof(cmd),
-                             "%s%04d-%02d-%02d %02d:%02d:%02d.%03d|level:%d| %s:%d|%lu|- ", echo_head,
-                             stamp.tm.tm_year + 1900, stamp.tm.tm_mon + 1, stamp.tm.tm_mday,
-                             stamp.tm.tm_hour, stamp.tm.tm_min, stamp.tm.tm_sec, stamp.msec, level,
-                             func, line, stamp.tid);
+    int head = std::snprintf(cmd, sizeof(cmd), "%s%04d-%02d-%02d %02d:%02d:%02d.%03d|level:%d| %s:%d|%lu|- ",
+                             echo_head, stamp.tm.tm_year + 1900, stamp.tm.tm_mon + 1, stamp.tm.tm_mday,
+                             stamp.tm.tm_hour, stamp.tm.tm_min, stamp.tm.tm_sec, stamp.msec, level, func,
+                             line, stamp.tid);
     if (head < 0)
         head = 0;
     size_t full = static_cast<size_t>(head);
@@ -126,10 +127,11 @@ void lr_console_log(int level, const char *func, int line, const char *fmt, ...)
 void lr_error_log(const char *file, int line, const char *func, const char *fmt, ...) noexcept
 {
     time_t now = time(nullptr);
-    struct tm tm {};
+    struct tm tm {
+    };
     localtime_r(&now, &tm);
-    std::printf("%4d-%02d-%02d %02d:%02d:%02d | %s:%d | error | %s | ", tm.tm_year + 1900,
-                tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, file, line, func);
+    std::printf("%4d-%02d-%02d %02d:%02d:%02d | %s:%d | error | %s | ", tm.tm_year + 1900, tm.tm_mon + 1,
+                tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, file, line, func);
     va_list ap;
     va_start(ap, fmt);
     std::vprintf(fmt, ap);

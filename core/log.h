@@ -41,10 +41,10 @@ void lr_error_log(const char *file, int line, const char *func, const char *fmt,
 // message the threshold goes back to 2. Frees the message.
 void set_log_level(void *message) noexcept;
 
-#define LR_LOG(level, ...)                                                        \
-    do {                                                                          \
-        if (log_level.load(std::memory_order_relaxed) >= (level))                 \
-            lr_console_log((level), __func__, __LINE__, __VA_ARGS__);             \
+#define LR_LOG(level, ...)                                                                                   \
+    do {                                                                                                     \
+        if (log_level.load(std::memory_order_relaxed) >= (level))                                            \
+            lr_console_log((level), __func__, __LINE__, __VA_ARGS__);                                        \
     } while (0)
 
 #define LR_ERROR_LOG(file, ...) lr_error_log((file), __LINE__, __func__, __VA_ARGS__)
@@ -67,9 +67,8 @@ struct log_stamp {
 
 // Builds the line of one call from its stamp, the way the shell would see
 // and run `echo "<frame><message>" > /dev/console` in a 512-byte buffer.
-void format_console_line(console_line &out, const log_stamp &stamp, int level, const char *func,
-                         int line, const char *fmt, va_list ap) noexcept
-    __attribute__((format(printf, 6, 0)));
+void format_console_line(console_line &out, const log_stamp &stamp, int level, const char *func, int line,
+                         const char *fmt, va_list ap) noexcept __attribute__((format(printf, 6, 0)));
 
 // Same from a ready command text (at most LOG_LINE_BUF - 1 bytes, as the
 // bounded print left it) whose message starts at `text_begin`.

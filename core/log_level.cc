@@ -4,7 +4,8 @@
 #include "core/log.h"
 #include "core/openwrt.h"
 
-namespace {
+namespace
+{
 
 enum { LOG_LEVEL_ATTR, LOG_LEVEL_ATTR_MAX };
 
@@ -14,7 +15,7 @@ const blobmsg_policy log_level_policy[] = {
 };
 static_assert(std::size(log_level_policy) == LOG_LEVEL_ATTR_MAX);
 
-}  // namespace
+} // namespace
 
 void set_log_level(void *message) noexcept
 {
@@ -25,7 +26,8 @@ void set_log_level(void *message) noexcept
         blob_attr *tb[LOG_LEVEL_ATTR_MAX] = {};
         blobmsg_parse(log_level_policy, LOG_LEVEL_ATTR_MAX, tb, blob_data(msg), blob_len(msg));
         if (tb[LOG_LEVEL_ATTR])
-            log_level.store(static_cast<int32_t>(blobmsg_get_u32(tb[LOG_LEVEL_ATTR])), std::memory_order_relaxed);
+            log_level.store(static_cast<int32_t>(blobmsg_get_u32(tb[LOG_LEVEL_ATTR])),
+                            std::memory_order_relaxed);
     }
     LR_LOG(7, "[lr] set_log_level");
     free(message);

@@ -19,13 +19,20 @@
 
 const char *startup_confdir = "/etc/config";
 
-namespace {
+namespace
+{
 
 // Call sites of the parts that are not in yet; each succeeds and does
 // nothing, in its place in the order.
-void name_probe_init() noexcept {}         // the two name-probe methods
-int get_system_info() noexcept { return 0; }  // capability snapshot
-int new_client_asscess_init() noexcept { return 0; }  // netlink and driver event sockets
+void name_probe_init() noexcept {} // the two name-probe methods
+int get_system_info() noexcept
+{
+    return 0;
+} // capability snapshot
+int new_client_asscess_init() noexcept
+{
+    return 0;
+} // netlink and driver event sockets
 void close_event_sockets() noexcept {}
 void iwinfo_finish_hook() noexcept {}
 
@@ -43,7 +50,7 @@ void tear_down() noexcept
     uloop_done();
 }
 
-}  // namespace
+} // namespace
 
 void read_lease_file_name(const char *confdir, char *out, size_t size) noexcept
 {

@@ -9,8 +9,7 @@
 // record fields have fixed sizes that are part of the data model (16-byte
 // interface names, 65-byte host names), so truncation is the rule, not an
 // error.
-template <size_t N>
-inline void copy_str(char (&dst)[N], std::string_view src) noexcept
+template <size_t N> inline void copy_str(char (&dst)[N], std::string_view src) noexcept
 {
     static_assert(N > 0);
     size_t n = src.size() < N - 1 ? src.size() : N - 1;
@@ -20,8 +19,7 @@ inline void copy_str(char (&dst)[N], std::string_view src) noexcept
 
 // Same, but keeps at most `limit` characters (the record's own rule, for
 // example 15 characters of an interface name), still within the array.
-template <size_t N>
-inline void copy_str(char (&dst)[N], std::string_view src, size_t limit) noexcept
+template <size_t N> inline void copy_str(char (&dst)[N], std::string_view src, size_t limit) noexcept
 {
     copy_str(dst, src.substr(0, limit < src.size() ? limit : src.size()));
 }

@@ -88,7 +88,8 @@ void threadpool_add_task(threadpool_task *task, threadpool *pool) noexcept
     pthread_mutex_unlock(&pool->mutex);
 }
 
-namespace {
+namespace
+{
 
 void unlock_mutex(void *mutex)
 {
@@ -117,7 +118,7 @@ void cancel_point()
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
 }
 
-}  // namespace
+} // namespace
 
 void *work_loop(void *arg)
 {

@@ -8,7 +8,8 @@
 #include "registry/compare.h"
 #include "scan/client_table.h"
 
-namespace {
+namespace
+{
 
 int32_t local_report_interval = LOCAL_REPORT_INTERVAL_MS;
 
@@ -32,7 +33,7 @@ void local_report_timeout_cb(uloop_timeout *t) noexcept
     uloop_timeout_set(t, local_report_interval);
 }
 
-}  // namespace
+} // namespace
 
 int local_report_timer_init() noexcept
 {

@@ -7,7 +7,10 @@
 #include "core/openwrt.h"
 
 struct uci_context_free {
-    void operator()(uci_context *ctx) const noexcept { uci_free_context(ctx); }
+    void operator()(uci_context *ctx) const noexcept
+    {
+        uci_free_context(ctx);
+    }
 };
 using uci_context_ptr = std::unique_ptr<uci_context, uci_context_free>;
 

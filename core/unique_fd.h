@@ -5,8 +5,9 @@
 #include <unistd.h>
 #include <utility>
 
-class unique_fd {
-public:
+class unique_fd
+{
+  public:
     unique_fd() noexcept = default;
     explicit unique_fd(int fd) noexcept : fd_(fd) {}
     unique_fd(const unique_fd &) = delete;
@@ -18,11 +19,23 @@ public:
             reset(std::exchange(o.fd_, -1));
         return *this;
     }
-    ~unique_fd() { reset(); }
+    ~unique_fd()
+    {
+        reset();
+    }
 
-    int get() const noexcept { return fd_; }
-    explicit operator bool() const noexcept { return fd_ >= 0; }
-    int release() noexcept { return std::exchange(fd_, -1); }
+    int get() const noexcept
+    {
+        return fd_;
+    }
+    explicit operator bool() const noexcept
+    {
+        return fd_ >= 0;
+    }
+    int release() noexcept
+    {
+        return std::exchange(fd_, -1);
+    }
     void reset(int fd = -1) noexcept
     {
         if (fd_ >= 0)
@@ -30,6 +43,6 @@ public:
         fd_ = fd;
     }
 
-private:
+  private:
     int fd_ = -1;
 };

@@ -19,7 +19,8 @@
 #include "core/unique_fd.h"
 #include "scan/lan_info.h"
 
-namespace {
+namespace
+{
 
 pthread_mutex_t lan_if_lock = PTHREAD_MUTEX_INITIALIZER;
 arp_lan_if lan_if_values{};
@@ -37,7 +38,7 @@ int64_t now_ms()
     return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-}  // namespace
+} // namespace
 
 void build_arp_request(uint8_t (&f)[ARP_FRAME_LEN], const uint8_t dst_mac[6], const uint8_t lan_mac[6],
                        uint32_t lan_ip, uint32_t target_ip) noexcept
@@ -115,7 +116,8 @@ arp_lan_if lan_if_snapshot() noexcept
     return lan_if_values;
 }
 
-namespace {
+namespace
+{
 
 arp_lan_if refresh_lan_if()
 {
@@ -140,7 +142,7 @@ int send_on(int fd, const arp_lan_if &lan, uint32_t ip, const uint8_t mac[6])
     return n == static_cast<ssize_t>(sizeof(frame)) ? 0 : -1;
 }
 
-}  // namespace
+} // namespace
 
 int send_arp_request(uint32_t ip, const uint8_t mac[6]) noexcept
 {

@@ -13,7 +13,7 @@ inline constexpr size_t ARP_RECV_MAX = 1514;
 // send; a failed read keeps the former values.
 struct arp_lan_if {
     uint8_t mac[6];
-    uint32_t ip;  // network order
+    uint32_t ip; // network order
     int ifindex;
 };
 
@@ -26,7 +26,7 @@ void build_arp_request(uint8_t (&frame)[ARP_FRAME_LEN], const uint8_t dst_mac[6]
 struct arp_frame_info {
     uint16_t op;
     uint8_t sender_mac[6];
-    uint32_t sender_ip;  // network order
+    uint32_t sender_ip; // network order
     char sender_ip_text[16];
 };
 bool parse_arp_frame(std::span<const uint8_t> frame, arp_frame_info &out) noexcept;

@@ -33,7 +33,8 @@ void free_arp_probes_locked() noexcept
     arp_probe_list = nullptr;
 }
 
-namespace {
+namespace
+{
 
 bool usable_ipv4(const neigh_msg &m)
 {
@@ -95,7 +96,7 @@ void add_entry(uint32_t ip, const uint8_t mac[6])
     set_arp_row(ip, mac);
 }
 
-}  // namespace
+} // namespace
 
 void classify_ipv4_locked(std::span<const uint8_t> dump) noexcept
 {
@@ -122,7 +123,8 @@ void classify_ipv4_locked(std::span<const uint8_t> dump) noexcept
     }
 }
 
-namespace {
+namespace
+{
 
 int32_t replied(const arp_probe *p)
 {
@@ -168,7 +170,8 @@ void take_reply(const arp_frame_info &info)
     {
         mutex_guard g(arp_probe_lock);
         for (arp_probe *p = arp_probe_list; p; p = p->next) {
-            if (std::memcmp(p->mac, info.sender_mac, 6) == 0 && std::strcmp(p->ip_text, info.sender_ip_text) == 0) {
+            if (std::memcmp(p->mac, info.sender_mac, 6) == 0 &&
+                std::strcmp(p->ip_text, info.sender_ip_text) == 0) {
                 __atomic_store_n(&p->replied, 1, __ATOMIC_RELAXED);
                 found = true;
                 break;
@@ -194,7 +197,7 @@ void receive_frames(int fd)
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);
-    timeval tv{0, ARP_POLL_MS * 1000};
+    timeval tv{0, static_cast<suseconds_t>(ARP_POLL_MS) * 1000};
     if (select(fd + 1, &set, nullptr, nullptr, &tv) <= 0)
         return;
     uint8_t frame[ARP_RECV_MAX];
@@ -214,7 +217,7 @@ double elapsed_ms(const timespec &start)
            static_cast<double>(now.tv_nsec - start.tv_nsec) / 1000000.0;
 }
 
-}  // namespace
+} // namespace
 
 void verify_arp_probes_locked() noexcept
 {

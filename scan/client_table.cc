@@ -91,18 +91,27 @@ void free_client_table_locked() noexcept
     client_table.tail = nullptr;
 }
 
-namespace {
+namespace
+{
 
 struct free_deleter {
-    void operator()(void *p) const noexcept { free(p); }
+    void operator()(void *p) const noexcept
+    {
+        free(p);
+    }
 };
-template <typename T>
-using malloc_ptr = std::unique_ptr<T, free_deleter>;
+template <typename T> using malloc_ptr = std::unique_ptr<T, free_deleter>;
 
 // Releases the write lock however the pass ends.
 struct write_hold {
-    write_hold() noexcept { pthread_rwlock_wrlock(&client_table_lock); }
-    ~write_hold() { pthread_rwlock_unlock(&client_table_lock); }
+    write_hold() noexcept
+    {
+        pthread_rwlock_wrlock(&client_table_lock);
+    }
+    ~write_hold()
+    {
+        pthread_rwlock_unlock(&client_table_lock);
+    }
     write_hold(const write_hold &) = delete;
     write_hold &operator=(const write_hold &) = delete;
 };
@@ -113,12 +122,15 @@ int pass_lease_count = 0;
 
 // Call sites of the parts that are not in yet. Each has no effect now and
 // keeps its place in the order of the pass.
-void add_hook_stations_locked() {}     // stations of an access point or repeater
-void run_ipv6_phases_locked() {}       // IPv6 neighbours and Neighbor Solicitation
-void assign_ports_locked() {}          // bridge port, wire type and guest of each entry
-void mark_front_clients_locked() {}    // clients upstream of a non-router node
-void clean_name(char * /*text*/) {}    // the recognition store's text cleaning
-int name_from_probe_cache(client_table_entry * /*e*/) { return 0; }
+void add_hook_stations_locked() {}  // stations of an access point or repeater
+void run_ipv6_phases_locked() {}    // IPv6 neighbours and Neighbor Solicitation
+void assign_ports_locked() {}       // bridge port, wire type and guest of each entry
+void mark_front_clients_locked() {} // clients upstream of a non-router node
+void clean_name(char * /*text*/) {} // the recognition store's text cleaning
+int name_from_probe_cache(client_table_entry * /*e*/)
+{
+    return 0;
+}
 void name_from_state_store(const client_table_entry * /*e*/, char * /*out*/, size_t /*size*/) {}
 
 bool lease_names(const lease_row &row)
@@ -180,7 +192,8 @@ void name_entry(client_table_entry *e)
     bool had_name = e->hostname[0] != '\0';
     char kept[sizeof(e->hostname)];
     std::memcpy(kept, e->hostname, sizeof(kept));
-    bool router_like = std::strcmp(sys_mode_text, "router") == 0 || std::strcmp(sys_mode_text, "hotspot") == 0;
+    bool router_like =
+        std::strcmp(sys_mode_text, "router") == 0 || std::strcmp(sys_mode_text, "hotspot") == 0;
     if (!leased && !router_like && name_from_hook(e))
         return;
     int probed = name_from_probe_cache(e);
@@ -242,7 +255,7 @@ int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
     return 0;
 }
 
-}  // namespace
+} // namespace
 
 int name_entries_locked() noexcept
 {

@@ -12,7 +12,7 @@ struct ip6_info;
 
 struct client_table_entry {
     char hostname[65];
-    uint32_t ip;  // network order; 0 for a client seen through IPv6 only
+    uint32_t ip; // network order; 0 for a client seen through IPv6 only
     uint8_t ip6_local[16];
     ip6_info *ip6;
     uint8_t ip6_only;
@@ -38,7 +38,7 @@ extern pthread_rwlock_t client_table_lock;
 inline constexpr int ARP_ITEM_ROWS = 256;
 struct arp_item {
     uint8_t mac[6];
-    uint32_t ip;  // network order, 0 = free row
+    uint32_t ip; // network order, 0 = free row
     int32_t active;
 };
 extern struct arp_item arp_item[ARP_ITEM_ROWS];

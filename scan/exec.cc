@@ -6,13 +6,17 @@
 
 #include "core/log.h"
 
-namespace {
+namespace
+{
 
 struct pipe_closer {
-    void operator()(FILE *f) const noexcept { pclose(f); }
+    void operator()(FILE *f) const noexcept
+    {
+        pclose(f);
+    }
 };
 
-}  // namespace
+} // namespace
 
 int exec_and_res(const char *command, char *buffer, size_t size) noexcept
 {

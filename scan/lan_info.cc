@@ -81,7 +81,8 @@ int32_t parse_port_column(std::string_view line) noexcept
     return port;
 }
 
-namespace {
+namespace
+{
 
 // One IPv4 neighbour request, one reply datagram.
 int read_ipv4_neighbours(uint8_t *buf, size_t size)
@@ -103,7 +104,7 @@ int read_ipv4_neighbours(uint8_t *buf, size_t size)
     return n < 0 ? -1 : static_cast<int>(n);
 }
 
-}  // namespace
+} // namespace
 
 void get_gateway_mac(const char *gateway_text) noexcept
 {
@@ -117,8 +118,8 @@ void get_gateway_mac(const char *gateway_text) noexcept
     }
     std::memcpy(lan_info.gateway_mac, mac, 6);
     char mac_text[18];
-    std::snprintf(mac_text, sizeof(mac_text), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
-                  mac[3], mac[4], mac[5]);
+    std::snprintf(mac_text, sizeof(mac_text), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
+                  mac[4], mac[5]);
     // The MAC text is ours, printed from kernel bytes in hex: nothing of a
     // client reaches this shell line.
     char cmd[64];

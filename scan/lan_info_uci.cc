@@ -11,7 +11,8 @@
 
 const char *lan_info_confdir = "/etc/config";
 
-namespace {
+namespace
+{
 
 void read_ifnames(const char *list)
 {
@@ -53,7 +54,7 @@ bool read_lan_section(uci_context *ctx, uci_section *lan)
     return gw != nullptr;
 }
 
-}  // namespace
+} // namespace
 
 void update_lan_info_by_uci() noexcept
 {

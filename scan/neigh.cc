@@ -13,11 +13,12 @@
 
 #include "core/unique_fd.h"
 
-namespace {
+namespace
+{
 
-constexpr size_t NLHDR_LEN = sizeof(nlmsghdr);  // 16
-constexpr size_t NDMSG_LEN = sizeof(ndmsg);     // 12
-constexpr size_t RTA_HDR_LEN = sizeof(rtattr);  // 4
+constexpr size_t NLHDR_LEN = sizeof(nlmsghdr); // 16
+constexpr size_t NDMSG_LEN = sizeof(ndmsg);    // 12
+constexpr size_t RTA_HDR_LEN = sizeof(rtattr); // 4
 
 static_assert(NLHDR_LEN == 16 && NDMSG_LEN == 12 && RTA_HDR_LEN == 4);
 
@@ -69,7 +70,7 @@ void parse_attrs(std::span<const uint8_t> attrs, neigh_msg &out)
     }
 }
 
-}  // namespace
+} // namespace
 
 bool neigh_walker::next(neigh_msg &out) noexcept
 {

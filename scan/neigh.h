@@ -20,19 +20,20 @@ struct neigh_msg {
     uint8_t family;
     uint16_t state;
     int32_t ifindex;
-    std::span<const uint8_t> dst;     // NDA_DST, empty when absent
-    std::span<const uint8_t> lladdr;  // NDA_LLADDR, empty when absent
+    std::span<const uint8_t> dst;    // NDA_DST, empty when absent
+    std::span<const uint8_t> lladdr; // NDA_LLADDR, empty when absent
 };
 
 // Walks concatenated netlink messages in place and yields the neighbour
 // messages (RTM_NEWNEIGH). It stops for good at a rest shorter than a
 // header, a length out of bounds, or a done or error message.
-class neigh_walker {
-public:
+class neigh_walker
+{
+  public:
     explicit neigh_walker(std::span<const uint8_t> buf) : rest_(buf) {}
     bool next(neigh_msg &out) noexcept;
 
-private:
+  private:
     std::span<const uint8_t> rest_;
 };
 
