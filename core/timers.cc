@@ -8,10 +8,10 @@
 #include "registry/compare.h"
 #include "scan/client_table.h"
 
+int32_t local_report_interval = LOCAL_REPORT_INTERVAL_MS;
+
 namespace
 {
-
-int32_t local_report_interval = LOCAL_REPORT_INTERVAL_MS;
 
 void local_report_timeout_cb(uloop_timeout *t) noexcept;
 

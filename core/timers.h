@@ -5,6 +5,9 @@
 
 inline constexpr int32_t LOCAL_REPORT_INTERVAL_MS = 14000;
 
+// Period of the local report timer, in milliseconds.
+extern int32_t local_report_interval;
+
 // Arms the timer with the interval; 0, or -1 after perror.
 int local_report_timer_init() noexcept;
 void local_report_timer_cancel() noexcept;
