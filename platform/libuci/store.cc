@@ -131,18 +131,38 @@ int make_dirs(const std::string &dir, mode_t mode) noexcept
 // Reads every change directory in search order onto p. The save
 // directory's file may already be held (and read) by a committer: flock
 // is per open file, so reopening it here would wait on ourselves.
-int replay_all(uci_context *ctx, uci_package *p, const std::string *held_save)
+struct held_file {
+    const std::string *text = nullptr;
+    dev_t dev = 0;
+    ino_t ino = 0;
+};
+
+int replay_all(uci_context *ctx, uci_package *p, const held_file &held)
 {
     int count = 0;
+    bool held_done = false;
     uci_element *e;
     uci_foreach_element(&ctx->delta_path, e) {
-        if (held_save && std::strcmp(e->name, ctx->savedir) == 0) {
-            count += replay_delta(ctx, p, *held_save);
+        bool is_save_dir = std::strcmp(e->name, ctx->savedir) == 0;
+        if (held.text && is_save_dir) {
+            if (!held_done)
+                count += replay_delta(ctx, p, *held.text);
+            held_done = true;
             continue;
         }
         unique_fd fd(::open(join_path(e->name, p->e.name).c_str(), O_RDONLY | O_CLOEXEC));
+        if (!fd)
+            continue;
+        struct stat st;
+        // the same file under another spelling of the directory: already held
+        if (held.text && held.ino && ::fstat(fd.get(), &st) == 0 && st.st_dev == held.dev && st.st_ino == held.ino) {
+            if (!held_done)
+                count += replay_delta(ctx, p, *held.text);
+            held_done = true;
+            continue;
+        }
         std::string text;
-        if (!fd || !lock_fd(fd.get(), LOCK_SH) || !read_fd(fd.get(), text))
+        if (!lock_fd(fd.get(), LOCK_SH) || !read_fd(fd.get(), text))
             continue;
         count += replay_delta(ctx, p, text);
     }
@@ -261,7 +281,7 @@ int load_package(uci_context *ctx, const char *name, uci_package **out)
     // The shared lock stays on while the changes are read, so a commit
     // cannot fold them into the file half-way through this load.
     if (p->has_delta)
-        replay_all(ctx, p, nullptr);
+        replay_all(ctx, p, held_file{});
     list_add_tail(&ctx->root, &p->e.list);
     *out = p;
     return UCI_OK;
@@ -336,9 +356,15 @@ int commit_locked(uci_context *ctx, uci_package **pp, bool overwrite, int cfd)
     }
     std::string save_path = join_path(ctx->savedir, p->e.name);
     unique_fd dfd(::open(save_path.c_str(), O_RDWR | O_CLOEXEC));
-    std::string held;
-    if (dfd && (!lock_fd(dfd.get(), LOCK_EX) || !read_fd(dfd.get(), held)))
+    std::string held_text;
+    held_file held{&held_text};
+    struct stat st;
+    if (dfd && (!lock_fd(dfd.get(), LOCK_EX) || !read_fd(dfd.get(), held_text)))
         return UCI_ERR_IO;
+    if (dfd && ::fstat(dfd.get(), &st) == 0) {
+        held.dev = st.st_dev;
+        held.ino = st.st_ino;
+    }
     uci_package *np = p;
     if (!overwrite) {
         std::string text;
@@ -354,7 +380,7 @@ int commit_locked(uci_context *ctx, uci_package **pp, bool overwrite, int cfd)
             return r;
         }
     }
-    int count = replay_all(ctx, np, &held);
+    int count = replay_all(ctx, np, held);
     if (np != p) {
         package_free(p);
         list_add_tail(&ctx->root, &np->e.list);

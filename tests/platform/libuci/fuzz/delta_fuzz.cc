@@ -1,6 +1,6 @@
 // Fuzzes the change-file reader: any change file replays onto a package
 // without a crash, and the merged package writes and reads back the same.
-#include "../../../../platform/libuci/internal.h"
+#include "../../../../platform/libuci/internal.h"  // the reader itself, not only its API
 
 #include <cstdint>
 #include <cstdio>
