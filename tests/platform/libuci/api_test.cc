@@ -704,3 +704,15 @@ TEST_F(Uci, CommitWithTheSaveDirectoryTwiceUnderTwoSpellings)
     EXPECT_NE(conf().find("option hostname 'gw'"), std::string::npos);
     EXPECT_EQ(saved(), "");
 }
+
+TEST_F(Uci, HandFilledPointerMayNameOnlyTheSection)
+{
+    uci_package *p = load();
+    uci_ptr ptr{};
+    ptr.s = uci_lookup_section(ctx, p, "main");
+    ptr.option = "zone";
+    ptr.value = "UTC";
+    ASSERT_EQ(uci_set(ctx, &ptr), UCI_OK);
+    EXPECT_EQ(ptr.p, p);
+    EXPECT_STREQ(uci_lookup_option_string(ctx, ptr.s, "zone"), "UTC");
+}
