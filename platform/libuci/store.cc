@@ -195,6 +195,23 @@ int write_whole(uci_context *ctx, uci_package *p)
     return r;
 }
 
+// Temp files of commits that were killed before their rename. Callers
+// hold the configuration file's lock, and only its holder writes temp
+// files for it, so any that exist now are left over.
+void remove_stale_temps(const std::string &dir, const std::string &base) noexcept
+{
+    DIR *d = ::opendir(dir.c_str());
+    if (!d)
+        return;
+    std::string prefix = "." + base + ".uci-";
+    while (dirent *de = ::readdir(d)) {
+        std::string_view name(de->d_name);
+        if (name.size() == prefix.size() + 6 && name.substr(0, prefix.size()) == prefix)
+            ::unlinkat(::dirfd(d), de->d_name, 0);
+    }
+    ::closedir(d);
+}
+
 }  // namespace
 
 namespace uci_impl {
@@ -219,6 +236,7 @@ int write_file_atomic(const std::string &path, std::string_view content, bool ke
     }
     size_t slash = target.find_last_of('/');
     std::string dir = slash == std::string::npos ? "." : target.substr(0, slash == 0 ? 1 : slash);
+    remove_stale_temps(dir, base_name(target));
     std::string tmpl = join_path(dir, "." + base_name(target) + ".uci-XXXXXX");
     unique_fd fd(::mkstemp(tmpl.data()));
     if (!fd)
