@@ -20,35 +20,6 @@ using namespace uci_impl;
 
 namespace {
 
-class unique_fd {
-public:
-    explicit unique_fd(int fd = -1) noexcept : fd_(fd) {}
-    unique_fd(const unique_fd &) = delete;
-    unique_fd &operator=(const unique_fd &) = delete;
-    unique_fd(unique_fd &&o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
-    unique_fd &operator=(unique_fd &&o) noexcept
-    {
-        if (this != &o) {
-            reset();
-            fd_ = o.fd_;
-            o.fd_ = -1;
-        }
-        return *this;
-    }
-    ~unique_fd() { reset(); }
-    void reset() noexcept
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-        fd_ = -1;
-    }
-    int get() const noexcept { return fd_; }
-    explicit operator bool() const noexcept { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
-
 bool lock_fd(int fd, int op) noexcept
 {
     while (::flock(fd, op) < 0) {
