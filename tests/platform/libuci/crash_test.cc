@@ -41,13 +41,12 @@ int edit_generation(const temp_dir &dir, int generation)
     return 0;
 }
 
-void clean_leftovers(const temp_dir &dir)
+int temp_files(const temp_dir &dir)
 {
-    std::filesystem::remove(dir / "save/big");
-    for (const auto &e : std::filesystem::directory_iterator(dir / "conf")) {
-        if (e.path().filename().string().rfind(".big.uci-", 0) == 0)
-            std::filesystem::remove(e.path());
-    }
+    int n = 0;
+    for (const auto &e : std::filesystem::directory_iterator(dir / "conf"))
+        n += e.path().filename().string().rfind(".big.uci-", 0) == 0;
+    return n;
 }
 
 }  // namespace
@@ -96,9 +95,12 @@ TEST(UciCrash, KilledCommitLeavesOldOrNewFile)
         if (it != allowed.begin() && it != allowed.end() - 1)
             kills_mid_way++;
         current = now;
-        clean_leftovers(dir);
+        std::filesystem::remove(dir / "save/big");  // changes of the killed run
+        EXPECT_LE(temp_files(dir), 1);  // the next commit removes what a kill left
     }
     EXPECT_GT(kills_mid_way, 0) << "no kill landed between two commits; the timing is off";
+    ASSERT_EQ(edit_generation(dir, 0), 0);
+    EXPECT_EQ(temp_files(dir), 0);
 }
 
 TEST(UciCrash, ConcurrentWritersLoseNothing)
