@@ -280,7 +280,8 @@ void default_opt_before_event_callback(status_event *event, const client_table_e
     client_node *node = event->node;
     client_node snapshot{};
     bool has_snapshot = false;
-    switch (event->status) {
+    const int32_t applied = event->status;
+    switch (applied) {
     case STATUS_NEW_ACCESS:
         node = delete_oldest_node_from_list();
         if (!node) {
@@ -320,8 +321,9 @@ void default_opt_before_event_callback(status_event *event, const client_table_e
     default:
         break;
     }
-    if (event->status != STATUS_NEW_ACCESS && node)
+    if (applied != STATUS_NEW_ACCESS && node)
         log_event(node, node->status, false);
+    // fill_node_from_entry may have turned a reconnection into a new access.
     if (has_snapshot)
         run_status_callbacks(status_callback_table, event->status, &snapshot, node);
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <sys/sysinfo.h>
+#include <type_traits>
 
 #include "registry/client_node.h"
 
@@ -16,6 +17,7 @@ struct status_event {
     int32_t status;
     client_node *node;
 };
+static_assert(std::is_standard_layout_v<status_event>);
 
 // A callback of the tables. Status rows get an event snapshot, which they
 // must not keep; the end-of-pass rows get NULL.
@@ -27,6 +29,7 @@ struct callback_pair {
     uint8_t in_thread;
     registry_callback function;
 };
+static_assert(std::is_standard_layout_v<callback_pair>);
 
 // One row of the status callback table; the table ends at a row with no list.
 struct status_callback_row {
