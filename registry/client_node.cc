@@ -11,7 +11,8 @@
 memory_queue *client_pool = nullptr;
 pthread_rwlock_t history_list_lock = PTHREAD_RWLOCK_INITIALIZER;
 
-namespace {
+namespace
+{
 
 // Head of the live list: online records first, then offline ones, the one
 // offline longest at the tail. No tail pointer and no count.
@@ -93,22 +94,89 @@ int hex_digit(char c)
     return 0;
 }
 
-}  // namespace
+} // namespace
 
 const char device_type_table[DEVICE_TYPE_COUNT][32] = {
-    "Audio & Video", "Engineering", "Home & Office", "Mobile", "Network", "Server",
-    "IoT Devices", "Other", "Media Player", "Television", "Game Console", "Streaming Dongle",
-    "Speaker/Amp", "AV Receiver", "Cable Box", "Disc Player", "Satellite", "Audio Player",
-    "Remote Control", "Radio", "Photo Camera", "Photo Display", "Mic", "Projector", "Computer",
-    "Desktop", "Laptop", "Printer", "Scanner", "Point of Sale", "Clock", "Barcode Scanner",
-    "Fax", "Tablet", "MP3 Player", "eBook Reader", "Smart Watch", "Wearable", "Car", "Router",
-    "Wi-Fi Extender", "Modem", "Switch", "Gateway", "USB", "IP Camera", "Smart Device",
-    "Smart Plug", "Light", "Voice Control", "Thermostats", "Power System", "Solar Panel",
-    "Smart Meter", "HVAC", "Network Appliance", "Smart Washer", "Smart Fridge",
-    "Smart Cleaner", "Sleep Tech", "Garage Door", "Sprinkler", "Electric", "Doorbell",
-    "Smart Lock", "Touch Panel", "Controller", "Scale", "Toy", "Robot", "Weather Station",
-    "Health Monitor", "Baby Monitor", "Pet Monitor", "Alarm", "Motion Detector",
-    "Smoke Detector", "Water Sensor", "Sensor", "Network Monitor",
+    "Audio & Video",
+    "Engineering",
+    "Home & Office",
+    "Mobile",
+    "Network",
+    "Server",
+    "IoT Devices",
+    "Other",
+    "Media Player",
+    "Television",
+    "Game Console",
+    "Streaming Dongle",
+    "Speaker/Amp",
+    "AV Receiver",
+    "Cable Box",
+    "Disc Player",
+    "Satellite",
+    "Audio Player",
+    "Remote Control",
+    "Radio",
+    "Photo Camera",
+    "Photo Display",
+    "Mic",
+    "Projector",
+    "Computer",
+    "Desktop",
+    "Laptop",
+    "Printer",
+    "Scanner",
+    "Point of Sale",
+    "Clock",
+    "Barcode Scanner",
+    "Fax",
+    "Tablet",
+    "MP3 Player",
+    "eBook Reader",
+    "Smart Watch",
+    "Wearable",
+    "Car",
+    "Router",
+    "Wi-Fi Extender",
+    "Modem",
+    "Switch",
+    "Gateway",
+    "USB",
+    "IP Camera",
+    "Smart Device",
+    "Smart Plug",
+    "Light",
+    "Voice Control",
+    "Thermostats",
+    "Power System",
+    "Solar Panel",
+    "Smart Meter",
+    "HVAC",
+    "Network Appliance",
+    "Smart Washer",
+    "Smart Fridge",
+    "Smart Cleaner",
+    "Sleep Tech",
+    "Garage Door",
+    "Sprinkler",
+    "Electric",
+    "Doorbell",
+    "Smart Lock",
+    "Touch Panel",
+    "Controller",
+    "Scale",
+    "Toy",
+    "Robot",
+    "Weather Station",
+    "Health Monitor",
+    "Baby Monitor",
+    "Pet Monitor",
+    "Alarm",
+    "Motion Detector",
+    "Smoke Detector",
+    "Water Sensor",
+    "Sensor",
+    "Network Monitor",
 };
 
 const char wire_type_table[WIRE_TYPE_COUNT][32] = {
@@ -339,14 +407,14 @@ int mac_in_history(const uint8_t mac[6]) noexcept
 
 void mac_to_dash_text(const uint8_t mac[6], char *out) noexcept
 {
-    snprintf(out, MAC_DASH_TEXT_SIZE, "%02X-%02X-%02X-%02X-%02X-%02X", mac[0], mac[1], mac[2],
-             mac[3], mac[4], mac[5]);
+    snprintf(out, MAC_DASH_TEXT_SIZE, "%02X-%02X-%02X-%02X-%02X-%02X", mac[0], mac[1], mac[2], mac[3], mac[4],
+             mac[5]);
 }
 
 void mac_to_hex_text(const uint8_t mac[6], char *out) noexcept
 {
-    snprintf(out, MAC_HEX_TEXT_SIZE, "%02X%02X%02X%02X%02X%02X", mac[0], mac[1], mac[2], mac[3],
-             mac[4], mac[5]);
+    snprintf(out, MAC_HEX_TEXT_SIZE, "%02X%02X%02X%02X%02X%02X", mac[0], mac[1], mac[2], mac[3], mac[4],
+             mac[5]);
 }
 
 void hex_text_to_mac(const char *text, uint8_t mac[6]) noexcept

@@ -18,23 +18,23 @@
 using lr_time32 = int32_t;
 
 struct ip6_addr_node {
-    uint32_t state;  // 1 "REACHABLE", 0 "STALE"
+    uint32_t state; // 1 "REACHABLE", 0 "STALE"
     uint8_t addr[16];
     ip6_addr_node *next;
 };
 
 struct client_node {
     char hostname[65];
-    uint32_t ip;  // network order; 0 when none
+    uint32_t ip; // network order; 0 when none
     int32_t ip6_state;
-    ip6_addr_node *ip6_globals;  // owned list
+    ip6_addr_node *ip6_globals; // owned list
     uint8_t ip6_local[16];
     uint8_t ip6_only;
-    uint8_t mac[6];  // the key
+    uint8_t mac[6]; // the key
     uint8_t wire_type;
-    uint8_t guest;  // 1 guest network, 2 main network, 0 unknown
+    uint8_t guest; // 1 guest network, 2 main network, 0 unknown
     int32_t device_type;
-    uint32_t type_source;  // lower wins: 0 user or policy, 1 recognition, 3 DHCP, 4 none
+    uint32_t type_source; // lower wins: 0 user or policy, 1 recognition, 3 DHCP, 4 none
     uint8_t type_user_set;
     uint8_t type_cloud_set;
     lr_time32 access_time;
@@ -59,14 +59,14 @@ struct client_node {
     char owner_name[65];
     uint8_t schedule_enable;
     int32_t time_mode;
-    uint8_t slots[4];  // start hour, start minute, end hour, end minute; 0xff: none
+    uint8_t slots[4]; // start hour, start minute, end hour, end minute; 0xff: none
     uint8_t qos_status;
     uint8_t repeats;
     uint8_t is_mesh_client;
     uint8_t connect_device_mac[6];
     char connect_device_id[45];
     uint8_t status;
-    uint8_t access_host;  // 1 once seen outside the guest network; persisted
+    uint8_t access_host; // 1 once seen outside the guest network; persisted
     client_node *next;
 };
 static_assert(std::is_standard_layout_v<client_node>);
@@ -180,4 +180,3 @@ void mac_to_hex_text(const uint8_t mac[6], char *out) noexcept;
 // Reads pairs of hex digits of either case up to the end of the string,
 // at most six; no check of length or digits, as the store has always done.
 void hex_text_to_mac(const char *text, uint8_t mac[6]) noexcept;
-

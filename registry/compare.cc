@@ -19,7 +19,8 @@ int (*registry_sysinfo)(struct sysinfo *info) noexcept = [](struct sysinfo *info
     return sysinfo(info);
 };
 
-namespace {
+namespace
+{
 
 // Rows of each status. The report queues of new clients join the row of
 // status 1 in front of the store write when they exist.
@@ -56,21 +57,22 @@ bool mesh_repeater_node()
 void log_event(const client_node *node, int status, bool is_new)
 {
     char ip_text[INET_ADDRSTRLEN] = {};
-    struct in_addr a {};
+    struct in_addr a {
+    };
     a.s_addr = node->ip;
     inet_ntop(AF_INET, &a, ip_text, sizeof(ip_text));
     if (is_new)
         LR_LOG(6,
                "update client by compare, status(%d)(new), mac(%02x-%02x), ip(%s), ifname(%s), "
                "wired(%d), guest(%d), hostname(%s)",
-               status, node->mac[4], node->mac[5], ip_text, node->ifname, node->wire_type,
-               node->guest, node->hostname);
+               status, node->mac[4], node->mac[5], ip_text, node->ifname, node->wire_type, node->guest,
+               node->hostname);
     else
         LR_LOG(6,
                "update client by compare, status(%d), mac(%02x-%02x), ip(%s), ifname(%s), "
                "wired(%d), guest(%d), hostname(%s)",
-               status, node->mac[4], node->mac[5], ip_text, node->ifname, node->wire_type,
-               node->guest, node->hostname);
+               status, node->mac[4], node->mac[5], ip_text, node->ifname, node->wire_type, node->guest,
+               node->hostname);
 }
 
 // A row with in_thread set runs on a thread of its own, with its own copy
@@ -149,7 +151,7 @@ void copy_entry_fields(client_node *node, const client_table_entry *entry, statu
     }
 }
 
-}  // namespace
+} // namespace
 
 const status_callback_row status_callback_table[] = {
     {.status = STATUS_NEW_ACCESS, .rows = new_access_rows},
@@ -189,8 +191,7 @@ client_node make_event_snapshot(const client_node *node) noexcept
 }
 
 void run_callback_pairs(const callback_pair *pairs, client_node *arg,
-                        void (*after_inline)(client_node *record) noexcept,
-                        client_node *record) noexcept
+                        void (*after_inline)(client_node *record) noexcept, client_node *record) noexcept
 {
     if (!pairs)
         return;
@@ -211,17 +212,17 @@ void run_status_callbacks(const status_callback_row *table, int32_t status, clie
     for (const status_callback_row *row = table; row->rows; row++) {
         if (row->status != status)
             continue;
-        run_callback_pairs(row->rows, snapshot,
-                           status == STATUS_KEEP_ALIVE ? clear_written_clock : nullptr, record);
+        run_callback_pairs(row->rows, snapshot, status == STATUS_KEEP_ALIVE ? clear_written_clock : nullptr,
+                           record);
         return;
     }
 }
 
-void fill_node_from_entry(client_node *node, const client_table_entry *entry,
-                          status_event *event) noexcept
+void fill_node_from_entry(client_node *node, const client_table_entry *entry, status_event *event) noexcept
 {
     int32_t s = event->status;
-    struct sysinfo info {};
+    struct sysinfo info {
+    };
     if (s != STATUS_KEEP_ALIVE && s != STATUS_EVENT_ONLINE && s != STATUS_MESH_ONLINE &&
         s != STATUS_EVENT_OFFLINE) {
         // A connection or a disconnection: all three times are taken.
@@ -232,8 +233,7 @@ void fill_node_from_entry(client_node *node, const client_table_entry *entry,
         node->access_time = now;
         node->first_access_time = now;
         node->leave_time = now;
-    } else if (node->clock_state == CLOCK_NOT_SET && clock_is_set() &&
-               registry_sysinfo(&info) == 0) {
+    } else if (node->clock_state == CLOCK_NOT_SET && clock_is_set() && registry_sysinfo(&info) == 0) {
         // The clock was set since the connection: compute the connection
         // time back from the uptime, and have it written once.
         node->access_time = static_cast<lr_time32>(time(nullptr) - (info.uptime - node->access_uptime));
@@ -280,7 +280,8 @@ void default_opt_before_event_callback(status_event *event, const client_table_e
     client_node *node = event->node;
     client_node snapshot{};
     bool has_snapshot = false;
-    switch (event->status) {
+    const int32_t applied = event->status;
+    switch (applied) {
     case STATUS_NEW_ACCESS:
         node = delete_oldest_node_from_list();
         if (!node) {
@@ -320,8 +321,9 @@ void default_opt_before_event_callback(status_event *event, const client_table_e
     default:
         break;
     }
-    if (event->status != STATUS_NEW_ACCESS && node)
+    if (applied != STATUS_NEW_ACCESS && node)
         log_event(node, node->status, false);
+    // fill_node_from_entry may have turned a reconnection into a new access.
     if (has_snapshot)
         run_status_callbacks(status_callback_table, event->status, &snapshot, node);
 }

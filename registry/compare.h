@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <sys/sysinfo.h>
+#include <type_traits>
 
 #include "registry/client_node.h"
 
@@ -16,6 +17,7 @@ struct status_event {
     int32_t status;
     client_node *node;
 };
+static_assert(std::is_standard_layout_v<status_event>);
 
 // A callback of the tables. Status rows get an event snapshot, which they
 // must not keep; the end-of-pass rows get NULL.
@@ -27,6 +29,7 @@ struct callback_pair {
     uint8_t in_thread;
     registry_callback function;
 };
+static_assert(std::is_standard_layout_v<callback_pair>);
 
 // One row of the status callback table; the table ends at a row with no list.
 struct status_callback_row {
@@ -48,8 +51,7 @@ int compare_client_table(client_table_entry *head) noexcept;
 
 int find_client_for_compare(const client_table_entry *entry, status_event *event) noexcept;
 void default_opt_before_event_callback(status_event *event, const client_table_entry *entry) noexcept;
-void fill_node_from_entry(client_node *node, const client_table_entry *entry,
-                          status_event *event) noexcept;
+void fill_node_from_entry(client_node *node, const client_table_entry *entry, status_event *event) noexcept;
 // The value handed to the callbacks: the record's identity, addresses,
 // type, times and names, everything else zero.
 client_node make_event_snapshot(const client_node *node) noexcept;
@@ -57,8 +59,7 @@ client_node make_event_snapshot(const client_node *node) noexcept;
 // Runs a row list with `arg`. After each inline pair, `after_inline` (if
 // given) is called with `record`.
 void run_callback_pairs(const callback_pair *pairs, client_node *arg,
-                        void (*after_inline)(client_node *record) noexcept,
-                        client_node *record) noexcept;
+                        void (*after_inline)(client_node *record) noexcept, client_node *record) noexcept;
 // Runs the row list of `status` from `table`, if it has one.
 void run_status_callbacks(const status_callback_row *table, int32_t status, client_node *snapshot,
                           client_node *record) noexcept;

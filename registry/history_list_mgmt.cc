@@ -17,10 +17,14 @@
 
 #define STORE_ERROR(...) LR_ERROR_LOG("history_list_mgmt", __VA_ARGS__)
 
-namespace {
+namespace
+{
 
 struct uci_context_free {
-    void operator()(uci_context *ctx) const noexcept { uci_free_context(ctx); }
+    void operator()(uci_context *ctx) const noexcept
+    {
+        uci_free_context(ctx);
+    }
 };
 using uci_ctx_owner = std::unique_ptr<uci_context, uci_context_free>;
 
@@ -98,29 +102,35 @@ void revert_fing_state(const char *mac_text)
 }
 
 // Writes `access_time` or `leave_time` of the snapshot's section; a client
-// with no section is no failure.
-int update_time_option(const client_node *snapshot, const char *option, long value,
-                       const char *failure)
+// with no section is no failure. 1, or 0 for the caller to report.
+int update_time_option(const client_node *snapshot, const char *option, long value)
 {
     mutex_guard hold(uci_lock);
     uci_ctx_owner ctx = new_history_context();
-    if (!ctx || !load_history(ctx.get())) {
-        STORE_ERROR("%s", failure);
+    if (!ctx || !load_history(ctx.get()))
         return 0;
-    }
     char mac_text[UCI_MAC_TEXT_SIZE] = {};
     char section[UCI_SECTION_NAME_SIZE] = {};
     mac_to_hex_text(snapshot->mac, mac_text);
     if (uci_dev_mac_in_cfg_file(ctx.get(), HISTORY_PACKAGE, mac_text, section) != 1)
         return 1;
-    if (set_option_long(ctx.get(), section, option, value) != 1) {
-        STORE_ERROR("%s", failure);
-        return 0;
-    }
-    return 1;
+    return set_option_long(ctx.get(), section, option, value);
 }
 
-}  // namespace
+// Deletes one section by name; nullptr, or the failure word.
+const char *delete_section_named(uci_context *ctx, const std::string &name)
+{
+    char text[UCI_TEXT_SIZE] = {};
+    snprintf(text, sizeof(text), "%s.%s", HISTORY_PACKAGE, name.c_str());
+    uci_ptr ptr{};
+    if (uci_lookup_ptr(ctx, &ptr, text, true) != UCI_OK)
+        return "uci_lookup_ptr != UCI_OK";
+    if (uci_delete(ctx, &ptr) != UCI_OK)
+        return "uci_delete != UCI_OK";
+    return nullptr;
+}
+
+} // namespace
 
 int uci_set_by_string(uci_context *ctx, const char *package, const char *text) noexcept
 {
@@ -169,8 +179,8 @@ int uci_dev_mac_in_cfg_file(uci_context *ctx, const char *package, const char *m
             STORE_ERROR("uci_lookup_ptr != UCI_OK");
             return 0;
         }
-        if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE) || !ptr.o ||
-            ptr.o->type != UCI_TYPE_STRING || !ptr.o->v.string) {
+        if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE) || !ptr.o || ptr.o->type != UCI_TYPE_STRING ||
+            !ptr.o->v.string) {
             STORE_ERROR("MAC is NULL");
             continue;
         }
@@ -200,15 +210,14 @@ int uci_update_cfg_file(client_node *snapshot) noexcept
     uci_context *c = ctx.get();
     char mac_text[UCI_MAC_TEXT_SIZE] = {};
     mac_to_hex_text(snapshot->mac, mac_text);
-    bool ok = set_option(c, section, "mac", mac_text) == 1 &&
-              set_option(c, section, "hostname", snapshot->hostname) == 1 &&
-              set_option(c, section, "type", device_type_name(snapshot->device_type)) == 1 &&
-              (snapshot->nickname[0] == '\0' ||
-               set_option(c, section, "nickname", snapshot->nickname) == 1) &&
-              set_option_int(c, section, "access_host", snapshot->event_access_host) == 1 &&
-              (!is_new ||
-               set_option_long(c, section, "first_access_time", snapshot->first_access_time) == 1) &&
-              set_option_long(c, section, "access_time", snapshot->access_time) == 1;
+    bool ok =
+        set_option(c, section, "mac", mac_text) == 1 &&
+        set_option(c, section, "hostname", snapshot->hostname) == 1 &&
+        set_option(c, section, "type", device_type_name(snapshot->device_type)) == 1 &&
+        (snapshot->nickname[0] == '\0' || set_option(c, section, "nickname", snapshot->nickname) == 1) &&
+        set_option_int(c, section, "access_host", snapshot->event_access_host) == 1 &&
+        (!is_new || set_option_long(c, section, "first_access_time", snapshot->first_access_time) == 1) &&
+        set_option_long(c, section, "access_time", snapshot->access_time) == 1;
     if (!ok) {
         STORE_ERROR("update config error.");
         return 0;
@@ -223,16 +232,22 @@ int uci_update_access_time(client_node *snapshot) noexcept
     // Only a corrected connection time is written; see the clock rule.
     if (snapshot->clock_state != CLOCK_CORRECTED)
         return 1;
-    return update_time_option(snapshot, "access_time", snapshot->access_time,
-                              "update access_time error.");
+    if (update_time_option(snapshot, "access_time", snapshot->access_time) != 1) {
+        STORE_ERROR("update access_time error.");
+        return 0;
+    }
+    return 1;
 }
 
 int uci_update_leave_time(client_node *snapshot) noexcept
 {
     if (!snapshot)
         return 0;
-    return update_time_option(snapshot, "leave_time", snapshot->leave_time,
-                              "update leave_time error.");
+    if (update_time_option(snapshot, "leave_time", snapshot->leave_time) != 1) {
+        STORE_ERROR("update leave_time error.");
+        return 0;
+    }
+    return 1;
 }
 
 int uci_delete_section_by_node(const client_node *node) noexcept
@@ -298,8 +313,8 @@ int save_user_set_to_flash(const uint8_t mac[6], int type_index, const char *nic
         }
     }
     // Still under uci_lock: the flash copy is written from a quiet store.
-    static const char *const saveconfig[] = {
-        "lua", "-e", "require(\"luci.sys.config\").saveconfig()", nullptr};
+    static const char *const saveconfig[] = {"lua", "-e", "require(\"luci.sys.config\").saveconfig()",
+                                             nullptr};
     run_command_wait(saveconfig);
     return 1;
 }
@@ -317,30 +332,21 @@ int clean_config_file() noexcept
         return 0;
     // uci_delete invalidates the element in hand, so each section is
     // deleted only once the walk has moved on to the next.
-    auto delete_section = [&](const std::string &name) {
-        char text[UCI_TEXT_SIZE] = {};
-        snprintf(text, sizeof(text), "%s.%s", HISTORY_PACKAGE, name.c_str());
-        uci_ptr ptr{};
-        if (uci_lookup_ptr(ctx.get(), &ptr, text, true) != UCI_OK) {
-            STORE_ERROR("uci_lookup_ptr != UCI_OK");
-            return false;
-        }
-        if (uci_delete(ctx.get(), &ptr) != UCI_OK) {
-            STORE_ERROR("uci_delete != UCI_OK");
-            return false;
-        }
-        return true;
-    };
     std::string previous;
+    const char *failure = nullptr;
     uci_element *e = nullptr;
     uci_foreach_element(&pkg->sections, e)
     {
-        if (!previous.empty() && !delete_section(previous))
-            return 0;
+        if (!previous.empty() && (failure = delete_section_named(ctx.get(), previous)))
+            break;
         previous = e->name;
     }
-    if (!previous.empty() && !delete_section(previous))
+    if (!failure && !previous.empty())
+        failure = delete_section_named(ctx.get(), previous);
+    if (failure) {
+        STORE_ERROR("%s", failure);
         return 0;
+    }
     pkg = uci_lookup_package(ctx.get(), HISTORY_PACKAGE);
     if (!pkg || uci_commit(ctx.get(), &pkg, false) != UCI_OK) {
         STORE_ERROR("uci commit failed!");
@@ -349,7 +355,8 @@ int clean_config_file() noexcept
     return 1;
 }
 
-namespace {
+namespace
+{
 
 // One record of the live list written as a new section.
 int save_one_record(const client_node *node)
@@ -372,7 +379,7 @@ int save_one_record(const client_node *node)
            set_option_int(c, section, "access_host", node->access_host) == 1;
 }
 
-}  // namespace
+} // namespace
 
 int save_history_list() noexcept
 {

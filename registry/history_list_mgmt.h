@@ -54,8 +54,8 @@ void load_history_list_config() noexcept;
 
 // A recognition result for the client with `client->mac`; `client` carries
 // the type that was found. Always 0. The caller holds history_list_lock.
-int write_to_history_list(const client_node *client, const char *brand,
-                          const char *system_version, int http_upload) noexcept;
+int write_to_history_list(const client_node *client, const char *brand, const char *system_version,
+                          int http_upload) noexcept;
 
 // Adds the daily "saveconfig" line to the crontab unless one is there.
 void ensure_crontab_line() noexcept;

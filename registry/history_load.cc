@@ -19,10 +19,14 @@
 
 #define STORE_ERROR(...) LR_ERROR_LOG("history_list_mgmt", __VA_ARGS__)
 
-namespace {
+namespace
+{
 
 struct uci_context_free {
-    void operator()(uci_context *ctx) const noexcept { uci_free_context(ctx); }
+    void operator()(uci_context *ctx) const noexcept
+    {
+        uci_free_context(ctx);
+    }
 };
 using uci_ctx_owner = std::unique_ptr<uci_context, uci_context_free>;
 
@@ -68,24 +72,18 @@ std::vector<stored_section> read_sections()
     return out;
 }
 
-// Fills a record from one section; false when the section is refused.
-bool fill_from_section(client_node *node, const stored_section &row)
+// Fills a record from one section; nullptr, or the word that refuses it.
+const char *fill_from_section(client_node *node, const stored_section &row)
 {
-    if (!row.mac || !row.hostname) {
-        STORE_ERROR("load failed, args is null.");
-        return false;
-    }
+    if (!row.mac || !row.hostname)
+        return "load failed, args is null.";
     hex_text_to_mac(row.mac->c_str(), node->mac);
-    if (row.hostname->size() > HOSTNAME_KEEP) {
-        STORE_ERROR("Hostname too long!");
-        return false;
-    }
+    if (row.hostname->size() > HOSTNAME_KEEP)
+        return "Hostname too long!";
     copy_str(node->hostname, *row.hostname);
     if (row.type) {
-        if (row.type->size() > 32) {
-            STORE_ERROR("Devicetype too long!");
-            return false;
-        }
+        if (row.type->size() > 32)
+            return "Devicetype too long!";
         node->device_type = get_device_type_index(row.type->c_str());
         if (row.brand && device_type_known(node->device_type)) {
             node->type_cloud_set = 1;
@@ -93,18 +91,16 @@ bool fill_from_section(client_node *node, const stored_section &row)
         }
     }
     if (row.nickname) {
-        if (row.nickname->size() > HOSTNAME_KEEP) {
-            STORE_ERROR("nickname too long!");
-            return false;
-        }
+        if (row.nickname->size() > HOSTNAME_KEEP)
+            return "nickname too long!";
         copy_str(node->nickname, *row.nickname);
     }
     if (row.access_host)
         node->access_host = static_cast<uint8_t>(atoi(row.access_host->c_str()));
-    return true;
+    return nullptr;
 }
 
-}  // namespace
+} // namespace
 
 void load_history_list_config() noexcept
 {
@@ -120,16 +116,18 @@ void load_history_list_config() noexcept
         client_node *node = delete_oldest_node_from_list();
         if (!node)
             return;
-        if (!fill_from_section(node, row))
+        if (const char *refused = fill_from_section(node, row)) {
+            STORE_ERROR("%s", refused);
             continue;
+        }
         // Each enters in front of the offline part, so the file's order
         // comes out reversed.
         set_node_status(node, STATUS_DISCONNECT);
     }
 }
 
-int write_to_history_list(const client_node *client, const char *brand,
-                          const char *system_version, int http_upload) noexcept
+int write_to_history_list(const client_node *client, const char *brand, const char *system_version,
+                          int http_upload) noexcept
 {
     if (!client)
         return 0;
@@ -160,8 +158,7 @@ int write_to_history_list(const client_node *client, const char *brand,
         return 0;
     auto set = [&](const char *option, const char *value) {
         char text[UCI_TEXT_SIZE] = {};
-        snprintf(text, sizeof(text), "%s.%s.%s=%s", HISTORY_PACKAGE, section, option,
-                 value ? value : "");
+        snprintf(text, sizeof(text), "%s.%s.%s=%s", HISTORY_PACKAGE, section, option, value ? value : "");
         return uci_set_by_string(ctx.get(), HISTORY_PACKAGE, text) == 1;
     };
     bool ok = (!known || set("type", device_type_name(type))) && set("brand", brand) &&
@@ -171,7 +168,8 @@ int write_to_history_list(const client_node *client, const char *brand,
     return 0;
 }
 
-namespace {
+namespace
+{
 
 // Whether a line of the crontab, read in pieces of up to 100 bytes, already
 // runs "saveconfig".
@@ -188,7 +186,7 @@ bool crontab_has_saveconfig()
     return found;
 }
 
-}  // namespace
+} // namespace
 
 void ensure_crontab_line() noexcept
 {

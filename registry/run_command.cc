@@ -30,8 +30,7 @@ void run_command_detached(const char *const argv[]) noexcept
         return;
     if (middle == 0) {
         pid_t pid = -1;
-        int rc = posix_spawnp(&pid, argv[0], nullptr, nullptr, const_cast<char *const *>(argv),
-                              environ);
+        int rc = posix_spawnp(&pid, argv[0], nullptr, nullptr, const_cast<char *const *>(argv), environ);
         _exit(rc == 0 ? 0 : 127);
     }
     int status = 0;

@@ -190,6 +190,23 @@ TEST(ClientNode, The389thClientEvictsTheGuestNearestTheTail)
     }));
 }
 
+TEST(ClientNode, AnOfflineGuestNearerTheTailGoesFirst)
+{
+    ASSERT_TRUE(run_in_sandbox([] {
+        fresh_pool();
+        fill_pool([](int id) { return id <= 30 ? STATUS_DISCONNECT : STATUS_NEW_ACCESS; },
+                  [](int id) { return (id == 5 || id == 300) ? 1 : 2; });
+        delete_oldest_node_from_list();
+        uint8_t mac[6];
+        test_mac(mac, 5);
+        EXPECT_EQ(mac_in_history(mac), -1);
+        test_mac(mac, 300);
+        EXPECT_EQ(mac_in_history(mac), 0);
+        test_mac(mac, 1);
+        EXPECT_EQ(mac_in_history(mac), 0) << "the tail stays while a guest exists";
+    }));
+}
+
 TEST(ClientNode, WithoutGuestsTheTailIsEvictedEvenIfOnline)
 {
     ASSERT_TRUE(run_in_sandbox([] {

@@ -7,9 +7,11 @@
 #include <pthread.h>
 #include <thread>
 
+#include "core/timers.h"
 #include "registry/compare.h"
 #include "registry/history_list_mgmt.h"
 #include "registry_test_util.h"
+#include "scan/lease.h"
 #include "scan/topology.h"
 
 using namespace regtest;
@@ -170,6 +172,41 @@ TEST(Compare, GuestOrPortChangeIsAReconnection)
         ASSERT_EQ(find_client_for_compare(same.head(), &ev), 1);
         EXPECT_EQ(ev.status, STATUS_KEEP_ALIVE);
         EXPECT_EQ(list_count(), 1);
+    }));
+}
+
+int empty_dump(uint8_t **, int *) noexcept
+{
+    return 0;
+}
+
+int no_leases(lease_row **, int *) noexcept
+{
+    return 0;
+}
+
+TEST(Compare, AnEmptyScanListIsNotCompared)
+{
+    ASSERT_TRUE(run_in_sandbox([] {
+        fresh_registry();
+        entries e;
+        e.add(1, "a");
+        e.add(2, "b");
+        ASSERT_EQ(compare_client_table(e.head()), 0);
+        scan_backend = scan_backend_default;
+        scan_backend.dump = empty_dump;
+        scan_backend.read_leases = no_leases;
+        scan_backend.open_arp_socket = []() noexcept { return -1; };
+        // The scan task: a pass that finds nobody, so no compare, and nobody
+        // leaves although everybody has gone.
+        local_report_task(nullptr);
+        EXPECT_EQ(client_table.head, nullptr);
+        EXPECT_EQ(list_statuses(), (ids{5, 5}));
+        EXPECT_EQ(read_history()[hex_mac(1)].count("leave_time"), 0u);
+        // Compared, the same empty list would have taken them all offline.
+        ASSERT_EQ(compare_client_table(nullptr), 0);
+        EXPECT_EQ(list_statuses(), (ids{4, 4}));
+        scan_backend = scan_backend_default;
     }));
 }
 

@@ -71,7 +71,7 @@ TEST(HistoryStore, SectionWithoutHostnameIsSkippedAndCostsARecord)
         EXPECT_EQ(list_order(), (ids{2}));
         EXPECT_EQ(pool_count(), MEMORY_QUEUE_SIZE - 3) << "two bad sections, two records lost";
         EXPECT_NE(out.find("| history_list_mgmt:"), std::string::npos) << out;
-        EXPECT_NE(out.find("| error | fill_from_section | load failed, args is null.\n"),
+        EXPECT_NE(out.find("| error | load_history_list_config | load failed, args is null.\n"),
                   std::string::npos)
             << out;
     }));

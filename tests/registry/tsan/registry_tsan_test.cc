@@ -22,6 +22,8 @@
 #include "registry/compare.h"
 #include "registry/history_list_mgmt.h"
 #include "registry/rwlock_guard.h"
+#include "core/locks.h"
+#include "core/openwrt.h"
 #include "scan/client_table.h"
 #include "scan/topology.h"
 
@@ -157,6 +159,30 @@ void reader_thread()
     }
 }
 
+// Other users of the store: a reader of the package under uci_lock alone,
+// as the interface and policy readers do, a full rewrite (history read
+// lock, then uci_lock) and recognition results under the write lock.
+void store_thread()
+{
+    for (int i = 0; i < 20; i++) {
+        {
+            mutex_guard hold(uci_lock);
+            uci_context *ctx = uci_alloc_context();
+            uci_set_confdir(ctx, "/etc/config");
+            uci_package *pkg = nullptr;
+            check(uci_load(ctx, "history_list", &pkg) == UCI_OK, "the package stays loadable");
+            uci_free_context(ctx);
+        }
+        if (i == 10)
+            save_history_list();
+        client_node result{};
+        mac_of(result.mac, i % CLIENTS);
+        result.device_type = 27;
+        rwlock_write_guard hold(history_list_lock);
+        write_to_history_list(&result, "Acme", "1.0", 0);
+    }
+}
+
 std::atomic<int> thread_rows{0};
 int count_row(client_node *arg) noexcept
 {
@@ -215,6 +241,7 @@ int main()
     threads.emplace_back(reader_thread);
     threads.emplace_back(reader_thread);
     threads.emplace_back(thread_rows_thread);
+    threads.emplace_back(store_thread);
     for (auto &t : threads)
         t.join();
     // Every client shows up in a pass again: the list settles.
