@@ -121,19 +121,18 @@ uloop_sigchld(int signo)
 }
 
 /*
- * SIGINT/SIGTERM only take our handler while at the default action: a
- * program with its own handler keeps it and ends the loop itself.
+ * Signals only take our handler while at the default action: a program
+ * with its own SIGINT/SIGTERM handler keeps it and ends the loop itself,
+ * and one with its own SIGCHLD handler reaps its children itself.
  */
 static void
-uloop_install_signal(struct saved_signal *s, void (*handler)(int), bool only_default)
+uloop_install_signal(struct saved_signal *s, void (*handler)(int))
 {
 	struct sigaction sa;
 
 	if (sigaction(s->signo, NULL, &s->old) < 0)
 		return;
-	if (only_default && s->old.sa_handler != SIG_DFL)
-		return;
-	if (s->old.sa_flags & SA_SIGINFO && only_default)
+	if ((s->old.sa_flags & SA_SIGINFO) || s->old.sa_handler != SIG_DFL)
 		return;
 
 	memset(&sa, 0, sizeof(sa));
@@ -156,14 +155,14 @@ uloop_setup_signals(void)
 		switch (s->signo) {
 		case SIGINT:
 		case SIGTERM:
-			uloop_install_signal(s, uloop_handle_stop, true);
+			uloop_install_signal(s, uloop_handle_stop);
 			break;
 		case SIGCHLD:
 			if (uloop_handle_sigchld)
-				uloop_install_signal(s, uloop_sigchld, false);
+				uloop_install_signal(s, uloop_sigchld);
 			break;
 		case SIGPIPE:
-			uloop_install_signal(s, (void (*)(int)) SIG_IGN, true);
+			uloop_install_signal(s, SIG_IGN);
 			break;
 		default:
 			break;

@@ -94,10 +94,10 @@ void connection_lost(ubus_context *ctx)
 	if (im->dead)
 		return;
 	im->dead = true;
-	if (ctx->sock.registered)
+	if (ctx->sock.registered) {
 		im->attached = true;
-	if (ctx->sock.registered)
 		uloop_fd_delete(&ctx->sock);
+	}
 	fail_requests(ctx);
 	if (ctx->connection_lost)
 		ctx->connection_lost(ctx);
@@ -383,8 +383,10 @@ void sock_cb(uloop_fd *u, unsigned int events)
 		connection_lost(ctx);
 	dispatch_queued(ctx);
 	// A bounded amount per call keeps other descriptors of the loop served;
-	// the level-triggered socket brings us back for the rest.
-	for (int round = 0; round < 4 && !im->dead; round++) {
+	// the level-triggered socket brings us back for the rest. After a
+	// hang-up uloop has dropped the socket, so read all that is left.
+	bool hung_up = ctx->sock.eof || ctx->sock.error;
+	for (int round = 0; (hung_up || round < 4) && !im->dead; round++) {
 		ssize_t r = read_some(ctx);
 		std::unique_ptr<InFrame> f;
 		while (!im->dead && next_frame(ctx, f)) {

@@ -83,19 +83,19 @@ avl_is_empty(struct avl_tree *tree)
 	return tree->count == 0;
 }
 
-/* Internal: a node pointer (may be NULL) to its element, NULL stays NULL. */
-#define __avl_find_element(tree, key, node_element, avl_find_func)	\
+/* Internal: the element holding the node found, or NULL. */
+#define __avl_find_element(tree, key, element, node_element, avl_find_func) \
 	({								\
 		struct avl_node *_avlnode = avl_find_func(tree, key);	\
 		_avlnode ? container_of(_avlnode, __typeof__(*(element)), node_element) : NULL; \
 	})
 
 #define avl_find_element(tree, key, element, node_element)		\
-	((__typeof__(*(element)) *)__avl_find_element(tree, key, node_element, avl_find))
+	((__typeof__(*(element)) *)__avl_find_element(tree, key, element, node_element, avl_find))
 #define avl_find_le_element(tree, key, element, node_element)		\
-	((__typeof__(*(element)) *)__avl_find_element(tree, key, node_element, avl_find_lessequal))
+	((__typeof__(*(element)) *)__avl_find_element(tree, key, element, node_element, avl_find_lessequal))
 #define avl_find_ge_element(tree, key, element, node_element)		\
-	((__typeof__(*(element)) *)__avl_find_element(tree, key, node_element, avl_find_greaterequal))
+	((__typeof__(*(element)) *)__avl_find_element(tree, key, element, node_element, avl_find_greaterequal))
 
 #define avl_first_element(tree, element, node_member)			\
 	container_of((tree)->list_head.next, __typeof__(*(element)), node_member.list)
