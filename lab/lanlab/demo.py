@@ -8,11 +8,6 @@ from . import scenarios, sweep, util
 from .lab import Lab
 from .sandbox import default_build_dir
 
-ROSTER_QUERY = {"online_type": 2, "v6": 1, "access_limit": 0, "speed_limit": 0, "qos": 0,
-                "tfstats": 0, "wireless": 0, "qos_schedule": 0,
-                "high_bandwidth_occupancy": 0, "lanroster_file": 0}
-
-
 def say(text=""):
     print(text, flush=True)
 
@@ -36,9 +31,12 @@ def show_lan(lab):
     for c in lab.clients.values():
         kind = "radio" if c.port.radio else "wired"
         how = "silent" if c.silent else ("DHCP" if c.dhcp else ("IPv6 only" if not c.ipv4 else "static"))
+        probes = ", ".join(x for x in (c.mdns and f"mDNS {c.mdns}",
+                                       c.netbios and f"NetBIOS {c.netbios}") if x) or "-"
         rows.append((c.name, c.mac, c.ip or "-", c.ip6 or "-", f"{c.port.name} ({kind})",
-                     c.hostname or "(no name)", how, c.state))
-    table(rows, ["device", "mac", "ipv4", "ipv6", "port", "dhcp name", "address", "state"])
+                     c.hostname or "(no name)", probes, how, c.state))
+    table(rows, ["device", "mac", "ipv4", "ipv6", "port", "dhcp name", "answers probes as",
+                 "address", "state"])
 
 
 def show_kernel(lab):
@@ -50,11 +48,6 @@ def show_kernel(lab):
     section(f"DHCP leases (dnsmasq, {os.path.basename(lab.lease_file)})")
     for row in lab.leases():
         say("  " + "  ".join(row))
-
-
-def roster(sb):
-    reply = sb.ubus_call("lanroster", "get_hist_list_new", ROSTER_QUERY)
-    return (reply or {}).get("client_list", [])
 
 
 def show_roster(clients):
@@ -90,7 +83,7 @@ class Daemon:
         self.running = True
         say(f"daemon: started in the router namespace (run directory {self.sb.dir})")
         try:
-            util.wait_for(self._on_bus, 30, interval=0.2, what="the daemon on the bus")
+            self.sb.wait_bus_object("lanroster", 30)
             self.bus = True
         except util.LabError:
             if self.sb.proc.poll() is not None:
@@ -99,18 +92,12 @@ class Daemon:
             else:
                 say("daemon: running, but it has no bus face yet (no object \"lanroster\")")
 
-    def _on_bus(self):
-        if self.sb.proc.poll() is not None:
-            raise util.LabError("daemon exited")
-        res = self.sb.ubus("list", "lanroster", timeout=2)
-        return res.returncode == 0 and "lanroster" in res.stdout
-
     def wait_roster(self, pred, timeout):
         deadline = time.monotonic() + timeout
         clients = []
         while time.monotonic() < deadline:
             try:
-                clients = roster(self.sb)
+                clients = self.sb.hist_list(v6=1)
             except util.LabError:
                 clients = []
             if pred(clients):
@@ -151,7 +138,9 @@ def main(build_dir=None):
             show_roster(d.wait_roster(changed, 40))
         else:
             show_kernel(lab)
-            say("\nThe daemon's roster (its bus query) is not there yet: it appears here "
+            say("\n\"phone\" is still in the kernel's tables: a station that leaves a radio "
+                "ages out of them; it is the daemon's ARP probe that finds it gone.")
+            say("The daemon's roster (its bus query) is not there yet: it appears here "
                 "once build/lanroster answers on the bus.")
         if d.running:
             say(f"\ndaemon console lines captured: {len(d.sb.console().splitlines())}; "

@@ -4,11 +4,9 @@ gateway, real dnsmasq and udhcpc, and scripted client events."""
 import ipaddress
 import os
 import re
-import shutil
 import socket
 import struct
 import subprocess
-import time
 
 from . import util
 from .util import LabError, log
@@ -97,14 +95,12 @@ class Lab:
     def __init__(self, subnet="192.168.1", mode="router", dhcp_range=(100, 249),
                  lab_id=None, detached=False, ula_prefix="fd4c:5200:0:1"):
         util.require_root()
-        self.id = lab_id or util.new_lab_id()
-        self.prefix = f"{util.PREFIX}{self.id}-"
-        self.dir = os.path.join(util.BASE_DIR, self.id)
+        self._fixed_id = lab_id is not None
+        self._set_id(lab_id or util.new_lab_id())
         self.subnet = subnet
         self.mode = mode                    # "router": we serve DHCP; "ap": the gateway does
         self.dhcp_range = dhcp_range
         self.ula = ula_prefix
-        self.router_ns = self.ns_name("r")
         self.router_ip = f"{subnet}.1" if mode == "router" else f"{subnet}.2"
         self.router_ip6 = f"{ula_prefix}::1" if mode == "router" else f"{ula_prefix}::2"
         self.router_mac = "02:4c:52:00:00:01"
@@ -120,6 +116,12 @@ class Lab:
         self.sandboxes = []
 
     # ---------- names and state ----------
+    def _set_id(self, lab_id):
+        self.id = lab_id
+        self.prefix = f"{util.PREFIX}{lab_id}-"
+        self.dir = os.path.join(util.BASE_DIR, lab_id)
+        self.router_ns = self.ns_name("r")
+
     def ns_name(self, role):
         return f"{self.prefix}{role}"
 
@@ -176,9 +178,19 @@ class Lab:
         return False
 
     def start(self):
+        if self.started:
+            return self
         from . import sweep
         sweep.sweep_dead()               # leftovers of labs whose owner died
-        os.makedirs(self.dir, exist_ok=True)
+        os.makedirs(util.BASE_DIR, exist_ok=True)
+        while True:                      # claim the id: the directory is the lock
+            try:
+                os.mkdir(self.dir)
+                break
+            except FileExistsError:
+                if self._fixed_id:
+                    raise LabError(f"lab {self.id} exists already")
+                self._set_id(util.new_lab_id())
         self._save_state()               # before anything exists, so a sweeper knows us
         if not self.detached:
             sweep.guard(self)
@@ -196,7 +208,7 @@ class Lab:
     def add_bridge(self, name, cidr4=None, cidr6=None, mac=None):
         """A bridge in the router namespace ("br-lan" at start; a second one,
         say "br-guest", for tests of several bridges)."""
-        lines = [f"link set lo up",
+        lines = ["link set lo up",
                  f"link add name {name} {'address ' + mac if mac else ''} type bridge "
                  f"stp_state 0 mcast_snooping 0",
                  f"link set {name} up"]
@@ -564,6 +576,9 @@ class Lab:
             c.state = "down"
         elif how == "remove":
             self.untrack(f"responder:{c.name}")
+            # the kernel frees a deleted namespace later, in the background:
+            # cut the cable first so the client is gone at once
+            util.ip_batch([f"link del {c.local_if}"], ns=c.link_ns, check=False)
             from . import sweep
             sweep.remove_netns([c.ns])
             c.state = "gone"
@@ -685,8 +700,23 @@ class Lab:
             rows.append((parts[0], dev, "permanent" in parts))
         return rows
 
+    def stations(self):
+        """{radio port: [(mac, active)]}: the clients behind each radio-named
+        port, as a Wi-Fi driver's station list would give them (active: the
+        client is up and not silenced)."""
+        out = {}
+        for c in self.clients.values():
+            if c.port.radio and c.state != "gone":
+                out.setdefault(c.port.name, []).append((c.mac, c.state == "up"))
+        return out
+
+    def client_by_mac(self, mac):
+        mac = mac.lower().replace("-", ":")
+        return next((c for c in self.clients.values() if c.mac == mac), None)
+
     def showmacs(self, bridge=ROUTER_BRIDGE):
-        return util.run(util.in_netns(self.router_ns, ["brctl", "showmacs", bridge])).stdout
+        # brctl reads /sys, which only "ip netns exec" shows for the namespace
+        return util.run(["ip", "netns", "exec", self.router_ns, "brctl", "showmacs", bridge]).stdout
 
     def leases(self):
         """[(expiry, mac, ip, hostname, client id)] of the lease file."""

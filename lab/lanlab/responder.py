@@ -94,7 +94,6 @@ def main():
         s4 = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         s4.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         s4.bind(("0.0.0.0", 5353))
-        mreq = socket.inet_aton(MDNS_V4) + struct.pack("=I", socket.if_nametoindex(a.ifname))
         # ip_mreqn: group, local address 0, interface index
         mreqn = socket.inet_aton(MDNS_V4) + socket.inet_aton("0.0.0.0") + \
             struct.pack("=i", socket.if_nametoindex(a.ifname))
@@ -108,7 +107,6 @@ def main():
                       socket.inet_pton(socket.AF_INET6, MDNS_V6) +
                       struct.pack("=I", socket.if_nametoindex(a.ifname)))
         socks[s6] = "mdns6"
-        del mreq
     if a.netbios:
         sn = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         sn.bind(("0.0.0.0", 137))

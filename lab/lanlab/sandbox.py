@@ -5,13 +5,11 @@ over /etc/config, /etc/profile.d, /etc/crontabs, /etc/init.d, /tmp,
 the platform commands, and the bus daemon on /var/run/ubus.sock."""
 import json
 import os
-import shutil
 import socket
 import subprocess
-import time
 
 from . import uci_defaults, util
-from .util import LabError, log
+from .util import LabError
 
 STANDINS = ["boardprobe", "online-test", "fing_device_recognize", "smart_home_report",
             "new_client_access_report", "lua"]
@@ -102,7 +100,7 @@ class Sandbox:
         path = os.path.join(self.dir, "standin.json")
         cur = util.json_load(path, None) or {
             "boardprobe": {"MAC": self.lab.router_mac.upper().replace(":", "-"),
-                           "DEV_ID": "LAB0123456789ABCDEF0123456789ABCDEF0123"},
+                           "DEV_ID": "LAB0123456789ABCDEF0123456789ABCDEF01234"},
             "online_test_exit": 0, "fing_reply": None, "exit": {}}
         cur.update(conf)
         util.json_save(path, cur)
@@ -124,6 +122,38 @@ class Sandbox:
     def console(self):
         with open(self.console_log, errors="replace") as f:
             return f.read()
+
+    def wait_console(self, text, timeout=20):
+        """Waits until the console capture holds text; returns the capture."""
+        return util.wait_for(lambda: text in self.console() and self.console(), timeout,
+                             what=f"console line {text!r}")
+
+    def wait_calls(self, cmd, count=1, timeout=20):
+        """Waits until the stand-in cmd was called count times; returns the calls."""
+        return util.wait_for(lambda: len(self.calls(cmd)) >= count and self.calls(cmd), timeout,
+                             what=f"{count} call(s) of {cmd}")
+
+    # ---------- files other programs hand the daemon ----------
+    def write_hook_file(self, entries):
+        """"/tmp/dhcp_hook.file": a JSON array of {mac, ipaddr, name, type,
+        obt_name_ok} as a relay or snooper writes it (access point mode)."""
+        with open(self.path("/tmp/dhcp_hook.file"), "w") as f:
+            json.dump(entries, f)
+
+    def write_dhcpv6_leases(self, rows):
+        """"/tmp/dhcpv6.leases": lines of host name and IPv6 address."""
+        with open(self.path("/tmp/dhcpv6.leases"), "w") as f:
+            f.writelines(f"{name} {addr}\n" for name, addr in rows)
+
+    def send_driver_event(self, payload, port=44032):
+        """One datagram to the router's loopback, where the Wi-Fi driver's
+        association events arrive."""
+        with util.NetnsEntered(self.lab.router_ns):
+            s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            try:
+                s.sendto(payload, ("127.0.0.1", port))
+            finally:
+                s.close()
 
     # ---------- processes ----------
     def start_ubusd(self):
@@ -168,20 +198,27 @@ class Sandbox:
             parts.append(self.platform_bin)
         return ":".join(parts + ["/usr/sbin", "/usr/bin", "/sbin", "/bin"])
 
-    def argv(self, command):
+    # Sanitizer settings of the test run reach a sanitized daemon; nothing
+    # else of the caller's environment does.
+    PASS_ENV = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "MSAN_OPTIONS", "TSAN_OPTIONS")
+
+    def argv(self, command, env=None):
         """The full argument vector that runs command in the sandbox."""
+        assigns = [f"{k}={os.environ[k]}" for k in self.PASS_ENV if k in os.environ]
+        assigns += [f"{k}={v}" for k, v in (env or {}).items()]
         return ["ip", "netns", "exec", self.lab.router_ns, "sh",
                 os.path.join(util.LIB_DIR, "sandbox.sh"), self.dir, self.env_path(), "--"] + \
-            list(command)
+            assigns + list(command)
 
-    def start(self, command, key=None):
-        """Starts a long-running command (the daemon) in the sandbox."""
+    def start(self, command, key=None, env=None):
+        """Starts a long-running command (the daemon) in the sandbox; env
+        adds variables to its otherwise empty environment."""
         self._start_console()
         self.key = key or f"daemon:{self.name}"
         out = open(os.path.join(self.dir, "stdout.log"), "ab")
         err = open(os.path.join(self.dir, "stderr.log"), "ab")
         try:
-            self.proc = subprocess.Popen(self.argv(command), stdin=subprocess.DEVNULL,
+            self.proc = subprocess.Popen(self.argv(command, env), stdin=subprocess.DEVNULL,
                                          stdout=out, stderr=err, start_new_session=True)
         finally:
             out.close()
@@ -189,11 +226,29 @@ class Sandbox:
         self.lab.track(self.key, self.proc, " ".join(command))
         return self.proc
 
-    def run(self, command, timeout=30, input=None):
+    def run(self, command, timeout=30, input=None, env=None):
         """Runs a short command in the sandbox and returns CompletedProcess."""
         self._start_console()
-        return subprocess.run(self.argv(command), input=input, text=True, timeout=timeout,
+        return subprocess.run(self.argv(command, env), input=input, text=True, timeout=timeout,
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    @property
+    def daemon_binary(self):
+        return os.path.join(self.build_dir, "lanroster")
+
+    def start_daemon(self):
+        """Starts build/lanroster (the production binary, unchanged)."""
+        if not os.access(self.daemon_binary, os.X_OK):
+            raise LabError(f"{self.daemon_binary} is not built")
+        return self.start([self.daemon_binary])
+
+    def stop_daemon(self):
+        """Stops the command started by start(); ubusd and the run's files
+        stay, so a second start() is a restart of the daemon on the same
+        router (its /etc/config, /tmp and /var/state kept)."""
+        if self.proc is not None:
+            self.lab.untrack(self.key)
+            self.proc = None
 
     def wait(self, timeout):
         try:
@@ -210,9 +265,7 @@ class Sandbox:
             return f.read()
 
     def stop(self):
-        if self.proc is not None:
-            self.lab.untrack(self.key)
-            self.proc = None
+        self.stop_daemon()
         for key in (f"ubusd:{self.name}", f"console:{self.name}"):
             if key in self.lab._procs:
                 self.lab.untrack(key)
@@ -229,6 +282,25 @@ class Sandbox:
         return subprocess.run([tool, "-s", self.ubus_socket, "-t", str(timeout)] + list(args),
                               text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                               timeout=timeout + 5)
+
+    def wait_bus_object(self, name="lanroster", timeout=30):
+        """Waits until an object is on the bus (the daemon answers only after
+        its first pass); fails early if the daemon exited."""
+        def on_bus():
+            if self.proc is not None and self.proc.poll() is not None:
+                raise LabError(f"the daemon exited with {self.proc.returncode}")
+            r = self.ubus("list", name, timeout=2)
+            return r.returncode == 0 and name in r.stdout
+        return util.wait_for(on_bus, timeout, interval=0.1, what=f"bus object {name}")
+
+    def hist_list(self, **query):
+        """client_list of "lanroster get_hist_list_new"; every request key is
+        sent (0 unless given; online_type 2: all clients)."""
+        req = {"online_type": 2, "v6": 0, "access_limit": 0, "speed_limit": 0, "qos": 0,
+               "tfstats": 0, "wireless": 0, "qos_schedule": 0, "high_bandwidth_occupancy": 0,
+               "lanroster_file": 0}
+        req.update(query)
+        return (self.ubus_call("lanroster", "get_hist_list_new", req) or {}).get("client_list", [])
 
     def ubus_call(self, obj, method, payload=None, timeout=10):
         res = self.ubus("call", obj, method, json.dumps(payload or {}), timeout=timeout)

@@ -1,5 +1,5 @@
 #!/bin/sh
-# sandbox.sh RUN_DIR PATH_VALUE -- COMMAND...
+# sandbox.sh RUN_DIR PATH_VALUE -- [NAME=VALUE...] COMMAND...
 # Runs inside "ip netns exec" (its own mount namespace, / recursively slave,
 # /sys showing the router's interfaces). Lays the run's directories over the
 # system paths the daemon uses, then becomes the command.

@@ -2,7 +2,6 @@
 """The router's neighbour table and bridge forwarding table show the clients
 on their ports: switch ports, radio-named ports, ports of their own, a second
 bridge, and an upstream gateway with its own clients (access-point mode)."""
-import os
 
 import labtest
 from labtest import wait_until
@@ -42,6 +41,10 @@ def test_router_lan(c):
                 six.mac: "wl0"}
         c.equal({m: f.get(m) for m in want}, want, "forwarding table: each MAC on its port")
         c.check(own.port.name.startswith("port"), "a client without a port gets one of its own")
+        st = lab.stations()
+        c.equal(sorted(st), ["ath1", "wl0"], "stations: the radio ports")
+        c.check((r1.mac, True) in st["wl0"] and (r2.mac, True) in st["ath1"], "stations: their clients")
+        c.check(lab.client_by_mac(r1.mac.upper().replace(":", "-")) is r1, "client_by_mac")
         members = util.run(["ip", "netns", "exec", lab.router_ns, "ls",
                             "/sys/class/net/br-lan/brif"]).stdout.split()
         c.check({"lan1", "wl0", "ath1", own.port.name} <= set(members),
