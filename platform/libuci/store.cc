@@ -304,6 +304,26 @@ int save_package(uci_context *ctx, uci_package *p)
 
 namespace {
 
+// The package handed back after a commit is the file as written, read
+// again: anonymous sections are then named as every later reader of the
+// file names them, so changes made through it land where they should.
+void adopt_written(uci_context *ctx, uci_package **pp, std::string_view content)
+{
+    uci_package *old = *pp;
+    uci_package *fresh = package_new(ctx, old->e.name);
+    fresh->path = strdup(old->path);
+    fresh->has_delta = old->has_delta;
+    fresh->uses_conf2 = old->uses_conf2;
+    if (!fresh->path || parse_into(ctx, fresh, content) != UCI_OK) {
+        package_free(fresh);
+        set_error(ctx, UCI_OK);
+        return;
+    }
+    list_insert_before(&old->e.list, &fresh->e.list);
+    package_free(old);
+    *pp = fresh;
+}
+
 // Re-reads the file and every change file under the locks and writes the
 // merged result; *pp becomes the fresh package object.
 int commit_locked(uci_context *ctx, uci_package **pp, bool overwrite, int cfd)
@@ -342,12 +362,14 @@ int commit_locked(uci_context *ctx, uci_package **pp, bool overwrite, int cfd)
     }
     if (count == 0)
         return UCI_OK;
-    int r = write_file_atomic(np->path, export_package(ctx, np, false), true);
+    std::string content = export_package(ctx, np, false);
+    int r = write_file_atomic(np->path, content, true);
     if (r != UCI_OK)
         return r;
     delta_list_free(&np->delta);
     if (dfd && ::ftruncate(dfd.get(), 0) < 0)
         return UCI_ERR_IO;
+    adopt_written(ctx, pp, content);
     return UCI_OK;
 }
 
