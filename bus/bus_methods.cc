@@ -8,7 +8,6 @@
 #include <cstring>
 #include <iterator>
 
-#include "bus/interim_links.h"
 #include "bus/mac_text.h"
 #include "bus/ubus_handlers.h"
 #include "bus/ubus_server.h"

@@ -6,7 +6,6 @@
 #include <iterator>
 
 #include "bus/event_tasks.h"
-#include "bus/interim_links.h"
 #include "bus/ubus_handlers.h"
 #include "core/log.h"
 #include "core/threadpool.h"

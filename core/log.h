@@ -36,6 +36,11 @@ void lr_console_log(int level, const char *func, int line, const char *fmt, ...)
 void lr_error_log(const char *file, int line, const char *func, const char *fmt, ...) noexcept
     __attribute__((format(printf, 4, 5)));
 
+// Runs as a pool task with a byte copy of a bus event's blob (or nullptr):
+// the value of its "log_level" key becomes the threshold, any value; with no
+// message the threshold goes back to 2. Frees the message.
+void set_log_level(void *message) noexcept;
+
 #define LR_LOG(level, ...)                                                        \
     do {                                                                          \
         if (log_level.load(std::memory_order_relaxed) >= (level))                 \

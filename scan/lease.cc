@@ -1,5 +1,7 @@
 #include "scan/lease.h"
 
+char lease_file_name[100] = {};
+
 int read_dhcp_leases(lease_row ** /*rows*/, int * /*capacity*/) noexcept
 {
     return 0;

@@ -7,6 +7,10 @@
 
 inline constexpr int LEASE_ROWS_START = 64;
 
+// Path of the DHCP lease file, from the `dhcp` package at start-up; empty
+// when no section names one.
+extern char lease_file_name[100];
+
 struct lease_row {
     uint8_t mac[6];
     char hostname[64];

@@ -341,7 +341,6 @@ int wait_request(ubus_context *ctx, ubus_request *req, int timeout)
 {
 	Impl *im = impl(ctx);
 	int64_t deadline = timeout > 0 ? now_ms() + timeout : 0;
-	ctx->stack_depth++;
 	take_input_sync(ctx);
 	while (!req->status_msg) {
 		int wait = -1;
@@ -360,14 +359,24 @@ int wait_request(ubus_context *ctx, ubus_request *req, int timeout)
 			req->status_msg = true;
 		}
 	}
-	ctx->stack_depth--;
-	if (ctx->stack_depth == 0 && !im->queued.empty()) {
-		if (ctx->sock.registered)
-			uloop_timeout_set(&ctx->pending_timer, 1);
-		else
-			dispatch_queued(ctx);
-	}
 	return req->status_code;
+}
+
+SyncScope::SyncScope(ubus_context *ctx) : ctx_(ctx)
+{
+	ctx_->stack_depth++;
+}
+
+SyncScope::~SyncScope()
+{
+	// Calls and events that came in meanwhile run once the outermost
+	// synchronous function has finished its own bookkeeping.
+	if (--ctx_->stack_depth > 0 || !impl(ctx_) || impl(ctx_)->queued.empty())
+		return;
+	if (ctx_->sock.registered)
+		uloop_timeout_set(&ctx_->pending_timer, 1);
+	else
+		dispatch_queued(ctx_);
 }
 
 void sock_cb(uloop_fd *u, unsigned int events)

@@ -2,6 +2,7 @@
 // documented layout, so real ubus tools and this bus can talk.
 #include "ubus_fixture.h"
 
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -37,6 +38,36 @@ std::vector<uint8_t> read_frame(int fd)
 		return {};
 	return f;
 }
+
+// A listening socket where the test plays the daemon by hand.
+class FakeDaemonSocket {
+public:
+	FakeDaemonSocket()
+	{
+		char tmpl[] = "/tmp/ubus-wire-XXXXXX";
+		dir_ = mkdtemp(tmpl);
+		path_ = dir_ + "/ubus.sock";
+		fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
+		sockaddr_un addr{};
+		addr.sun_family = AF_UNIX;
+		std::strncpy(addr.sun_path, path_.c_str(), sizeof(addr.sun_path) - 1);
+		ok_ = bind(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) == 0 && listen(fd_, 1) == 0;
+	}
+	~FakeDaemonSocket()
+	{
+		close(fd_);
+		unlink(path_.c_str());
+		rmdir(dir_.c_str());
+	}
+	bool ok() const { return ok_; }
+	int fd() const { return fd_; }
+	const std::string &path() const { return path_; }
+
+private:
+	std::string dir_, path_;
+	int fd_ = -1;
+	bool ok_ = false;
+};
 
 }  // namespace
 
@@ -88,15 +119,10 @@ TEST(Wire, TruncatedAndOversizedFrames)
 
 TEST(Wire, LibubusSendsTheDocumentedInvoke)
 {
-	char tmpl[] = "/tmp/ubus-wire-XXXXXX";
-	std::string dir = mkdtemp(tmpl);
-	std::string path = dir + "/ubus.sock";
-	int lfd = socket(AF_UNIX, SOCK_STREAM, 0);
-	sockaddr_un addr{};
-	addr.sun_family = AF_UNIX;
-	std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-	ASSERT_EQ(bind(lfd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
-	ASSERT_EQ(listen(lfd, 1), 0);
+	FakeDaemonSocket sock;
+	ASSERT_TRUE(sock.ok());
+	int lfd = sock.fd();
+	const std::string &path = sock.path();
 	std::vector<uint8_t> seen;
 	std::thread fake([&] {
 		int fd = accept(lfd, nullptr, nullptr);
@@ -125,7 +151,159 @@ TEST(Wire, LibubusSendsTheDocumentedInvoke)
 	fake.join();
 	EXPECT_EQ(seen, kEchoInvoke);
 	blob_buf_free(&b);
-	close(lfd);
-	unlink(path.c_str());
-	rmdir(dir.c_str());
+}
+
+namespace {
+
+bool g_timer_ran = false;
+int g_sent_ok = 0;
+blob_buf g_big;
+
+int h_flood(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *, blob_attr *)
+{
+	// 40 replies of 512 KiB to a peer that reads nothing: each must return
+	// at once, the first ones queued, the rest refused once the bound is hit.
+	for (int i = 0; i < 40; i++)
+		if (ubus_send_reply(ctx, req, g_big.head) == 0)
+			g_sent_ok++;
+	return 0;
+}
+
+}  // namespace
+
+TEST(Wire, LoopDoesNotBlockOnAPeerThatDoesNotRead)
+{
+	FakeDaemonSocket sock;
+	ASSERT_TRUE(sock.ok());
+	int lfd = sock.fd();
+	const std::string &path = sock.path();
+	int done = eventfd(0, 0);
+	std::thread fake([&] {
+		int fd = accept(lfd, nullptr, nullptr);
+		Builder b;
+		b.begin(kHello, 0, 0x1111);
+		auto f = b.finish();
+		send(fd, f.data(), f.size(), MSG_NOSIGNAL);
+		std::vector<uint8_t> add = read_frame(fd);  // ADD_OBJECT
+		uint16_t seq = parse_header(add).seq;
+		b.begin(kData, seq, 0);
+		b.put_u32(kAttrObjId, 0x2222);
+		b.put_u32(kAttrObjType, 0x3333);
+		f = b.finish();
+		send(fd, f.data(), f.size(), MSG_NOSIGNAL);
+		b.begin(kStatus, seq, 0);
+		b.put_u32(kAttrStatus, 0);
+		f = b.finish();
+		send(fd, f.data(), f.size(), MSG_NOSIGNAL);
+		b.begin(kInvoke, 7, 0x4444);
+		b.put_u32(kAttrObjId, 0x2222);
+		b.put_string(kAttrMethod, "flood");
+		b.put_raw(kAttrData, {});
+		f = b.finish();
+		send(fd, f.data(), f.size(), MSG_NOSIGNAL);
+		// Now read nothing until the test is over.
+		uint64_t v;
+		if (read(done, &v, sizeof(v)) < 0)
+			ADD_FAILURE();
+		close(fd);
+	});
+	ubus_context *ctx = ubus_connect(path.c_str());
+	ASSERT_NE(ctx, nullptr);
+	static const ubus_method methods[] = {UBUS_METHOD_NOARG("flood", h_flood)};
+	static ubus_object_type type = UBUS_OBJECT_TYPE("flood", methods);
+	ubus_object obj{};
+	obj.name = "flood";
+	obj.type = &type;
+	obj.methods = methods;
+	obj.n_methods = 1;
+	blob_buf_init(&g_big, 0);
+	std::string chunk(512 * 1024, 'x');
+	blobmsg_add_string(&g_big, "blob", chunk.c_str());
+	// Served by uloop from the start: the call that arrives while the
+	// object is being added runs from the loop afterwards.
+	ubus_add_uloop(ctx);
+	ASSERT_EQ(ubus_add_object(ctx, &obj), 0);
+	static uloop_timeout t;
+	t.cb = [](uloop_timeout *) {
+		g_timer_ran = true;
+		uloop_end();
+	};
+	uloop_timeout_set(&t, 200);
+	uloop_run();
+	EXPECT_TRUE(g_timer_ran);
+	EXPECT_GT(g_sent_ok, 0);
+	EXPECT_LT(g_sent_ok, 40);  // the write queue is bounded
+	uint64_t one = 1;
+	if (write(done, &one, sizeof(one)) < 0)
+		ADD_FAILURE();
+	fake.join();
+	ubus_free(ctx);
+	uloop_done();
+	blob_buf_free(&g_big);
+	close(done);
+}
+
+namespace {
+
+int g_early_calls = 0;
+
+int h_early(ubus_context *, ubus_object *, ubus_request_data *, const char *, blob_attr *)
+{
+	g_early_calls++;
+	return UBUS_STATUS_NO_DATA;
+}
+
+}  // namespace
+
+TEST(Wire, CallArrivingDuringAddObjectSeesTheObject)
+{
+	FakeDaemonSocket sock;
+	ASSERT_TRUE(sock.ok());
+	int lfd = sock.fd();
+	const std::string &path = sock.path();
+	int status_seen = -100;
+	std::thread fake([&] {
+		int fd = accept(lfd, nullptr, nullptr);
+		Builder b;
+		auto put = [&] {
+			auto f = b.finish();
+			send(fd, f.data(), f.size(), MSG_NOSIGNAL);
+		};
+		b.begin(kHello, 0, 0x1111);
+		put();
+		uint16_t seq = parse_header(read_frame(fd)).seq;
+		b.begin(kData, seq, 0);
+		b.put_u32(kAttrObjId, 0x2222);
+		b.put_u32(kAttrObjType, 0x3333);
+		put();
+		// A call overtakes the end of the add: the library must hold it
+		// until the object is known.
+		b.begin(kInvoke, 9, 0x4444);
+		b.put_u32(kAttrObjId, 0x2222);
+		b.put_string(kAttrMethod, "early");
+		b.put_raw(kAttrData, {});
+		put();
+		b.begin(kStatus, seq, 0);
+		b.put_u32(kAttrStatus, 0);
+		put();
+		std::vector<uint8_t> st = read_frame(fd);
+		AttrTable tb;
+		if (!st.empty() && parse_attrs(frame_body(st), tb) && tb[kAttrStatus])
+			status_seen = static_cast<int>(tb[kAttrStatus].u32());
+		close(fd);
+	});
+	ubus_context *ctx = ubus_connect(path.c_str());
+	ASSERT_NE(ctx, nullptr);
+	static const ubus_method methods[] = {UBUS_METHOD_NOARG("early", h_early)};
+	static ubus_object_type type = UBUS_OBJECT_TYPE("early", methods);
+	ubus_object obj{};
+	obj.name = "early";
+	obj.type = &type;
+	obj.methods = methods;
+	obj.n_methods = 1;
+	ASSERT_EQ(ubus_add_object(ctx, &obj), 0);
+	EXPECT_EQ(g_early_calls, 1);
+	fake.join();
+	EXPECT_EQ(status_seen, UBUS_STATUS_NO_DATA);
+	ubus_free(ctx);
 }

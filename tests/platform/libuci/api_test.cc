@@ -689,3 +689,10 @@ TEST_F(Uci, ParseSectionFillsTheTable)
     uint32_t h1 = uci_hash_options(tb, 3);
     EXPECT_EQ(h1, uci_hash_options(tb, 3));
 }
+
+extern "C" int c_header_check(const char *confdir);
+
+TEST_F(Uci, HeaderWorksFromC)
+{
+    EXPECT_EQ(c_header_check((dir / "conf").c_str()), 1);
+}

@@ -1,0 +1,303 @@
+// The start sequence, run in a child process with a private mount and
+// network namespace, so that the bus socket and the neighbour table are the
+// test's own.
+#include "core/startup.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <sched.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "bus/ubus_server.h"
+#include "core/log.h"
+#include "core/openwrt.h"
+#include "core/threadpool.h"
+#include "core/timers.h"
+#include "scan/lan_info.h"
+#include "scan/lease.h"
+
+namespace {
+
+std::string temp_dir()
+{
+    char tmpl[] = "/tmp/lr-startup-XXXXXX";
+    const char *d = mkdtemp(tmpl);
+    return d ? d : "";
+}
+
+void write_file(const std::string &path, const std::string &text)
+{
+    std::ofstream out(path);
+    out << text;
+}
+
+int thread_count()
+{
+    int n = 0;
+    DIR *d = opendir("/proc/self/task");
+    if (!d)
+        return -1;
+    while (dirent *e = readdir(d))
+        if (e->d_name[0] != '.')
+            n++;
+    closedir(d);
+    return n;
+}
+
+// In a child: a mount namespace of its own with an empty /run (so no bus
+// socket unless the test starts one) and a fresh network namespace.
+bool isolate()
+{
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0)
+        return false;
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+        return false;
+    return mount("none", "/run", "tmpfs", 0, nullptr) == 0;
+}
+
+// Written by a timer that only the running loop can fire: the hand-shake
+// that tells the test a SIGTERM now reaches uloop_run. A signal that came
+// earlier would be forgotten when uloop_run starts.
+int loop_marker_fd = -1;
+void loop_marker(uloop_timeout *) noexcept
+{
+    ssize_t r = write(loop_marker_fd, "LOOP-RUNNING\n", 13);
+    (void)r;
+}
+
+int wait_status(pid_t pid)
+{
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+
+}  // namespace
+
+TEST(Startup, NoBusSocketFailsBeforeAnyThreadOrTimer)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root for namespaces";
+    std::string conf = temp_dir();
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        if (!isolate())
+            _exit(10);
+        startup_confdir = conf.c_str();
+        lan_info_confdir = conf.c_str();
+        int r = lanroster_main();
+        if (r != -1)
+            _exit(11);
+        if (thread_count() != 1)
+            _exit(12);
+        if (local_report_timer_pending() || thread_pool != nullptr)
+            _exit(13);
+        _exit(0);
+    }
+    int status = wait_status(pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    rmdir(conf.c_str());
+}
+
+TEST(Startup, DaemonWithoutBusExitsWith255)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root for namespaces";
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        if (!isolate())
+            _exit(10);
+        int devnull = open("/dev/null", O_WRONLY);
+        dup2(devnull, 2);
+        execl(LR_BINARY_DIR "/lanroster", "lanroster", static_cast<char *>(nullptr));
+        _exit(12);
+    }
+    int status = wait_status(pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 255);
+}
+
+TEST(Startup, TraceLevelShowsTheStartLinesAndSigtermTearsDown)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root for namespaces";
+    std::string conf = temp_dir();
+    int console[2];
+    ASSERT_EQ(pipe(console), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        close(console[0]);
+        if (!isolate())
+            _exit(10);
+        int ready[2];
+        if (pipe(ready) != 0)
+            _exit(11);
+        pid_t bus = fork();
+        if (bus == 0) {
+            close(ready[0]);
+            std::string fd = std::to_string(ready[1]);
+            execl(LR_BINARY_DIR "/platform-bin/ubusd", "ubusd", "-s", "/run/ubus.sock", "-R", fd.c_str(),
+                  static_cast<char *>(nullptr));
+            _exit(12);
+        }
+        close(ready[1]);
+        char b;
+        if (read(ready[0], &b, 1) != 1)
+            _exit(13);
+        std::string console_path = "/proc/self/fd/" + std::to_string(console[1]);
+        lr_console_path = console_path.c_str();
+        startup_confdir = conf.c_str();
+        lan_info_confdir = conf.c_str();
+        log_level = 7;
+        loop_marker_fd = console[1];
+        static uloop_timeout marker{};
+        marker.cb = loop_marker;
+        uloop_timeout_set(&marker, 0);
+        int r = lanroster_main();
+        kill(bus, SIGTERM);
+        waitpid(bus, nullptr, 0);
+        _exit(r == 0 && ubus_ctx == nullptr ? 0 : 14);
+    }
+    close(console[1]);
+    // Read the console until the loop has started, then stop the daemon the
+    // way init does.
+    std::string text;
+    char buf[4096];
+    bool signalled = false;
+    for (;;) {
+        ssize_t n = read(console[0], buf, sizeof(buf));
+        if (n <= 0)
+            break;
+        text.append(buf, static_cast<size_t>(n));
+        if (!signalled && text.find("LOOP-RUNNING") != std::string::npos) {
+            kill(pid, SIGTERM);
+            signalled = true;
+        }
+    }
+    close(console[0]);
+    int status = wait_status(pid);
+    ASSERT_TRUE(WIFEXITED(status)) << text;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << text;
+    const char *in_order[] = {
+        "|level:7| lanroster_ubus_init:",
+        "|- [lr] begin to init lr_ubus\n\n",
+        "|- [lr] threadpool_init, has 2 workers\n\n",
+        "|- create the thread tid = ",
+        "|- [lr] begin to create_client_table\n\n",
+        "|- [lr] begin to start uloop\n\n",
+    };
+    size_t at = 0;
+    for (const char *want : in_order) {
+        size_t found = text.find(want, at);
+        EXPECT_NE(found, std::string::npos) << "missing or out of order: " << want << "\n" << text;
+        if (found != std::string::npos)
+            at = found;
+    }
+    EXPECT_NE(text.find("|- [lr] enter workloop\n\n"), std::string::npos) << text;
+    rmdir(conf.c_str());
+}
+
+TEST(LeaseFileName, LaterSectionWins)
+{
+    std::string conf = temp_dir();
+    write_file(conf + "/dhcp",
+               "config dnsmasq\n\toption leasefile '/tmp/first.leases'\n\n"
+               "config dhcp 'lan'\n\toption interface 'lan'\n\n"
+               "config dnsmasq\n\toption leasefile '/tmp/dhcp.leases'\n\n"
+               "config odhcpd\n\tlist leasefile '/tmp/list-is-ignored'\n");
+    char name[100] = "stale";
+    read_lease_file_name(conf.c_str(), name, sizeof(name));
+    EXPECT_STREQ(name, "/tmp/dhcp.leases");
+    unlink((conf + "/dhcp").c_str());
+    rmdir(conf.c_str());
+}
+
+TEST(LeaseFileName, MissingPackageLeavesItEmpty)
+{
+    std::string conf = temp_dir();
+    char name[100] = "stale";
+    testing::internal::CaptureStderr();
+    read_lease_file_name(conf.c_str(), name, sizeof(name));
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_STREQ(name, "");
+    EXPECT_EQ(err.rfind("dhcp: ", 0), 0u) << err;
+    rmdir(conf.c_str());
+}
+
+TEST(LanInfoUci, ReadsAddressMaskAndMembers)
+{
+    std::string conf = temp_dir();
+    write_file(conf + "/network",
+               "config interface 'lan'\n\toption ipaddr '192.168.8.1'\n\toption netmask '255.255.255.0'\n"
+               "\toption ifname 'lo nosuchif0'\n");
+    struct lan_info saved = lan_info;
+    const char *saved_dir = lan_info_confdir;
+    lan_info_confdir = conf.c_str();
+    lan_info.gateway_port = -1;
+    update_lan_info_by_uci();
+    EXPECT_STREQ(lan_info.ip, "192.168.8.1");
+    EXPECT_EQ(lan_info.prefix_len, 24);
+    ASSERT_EQ(lan_info.ifnum, 2);
+    EXPECT_STREQ(lan_info.ifname[0], "lo");
+    EXPECT_EQ(lan_info.ifindex[0], 1);
+    EXPECT_STREQ(lan_info.ifname[1], "nosuchif0");
+    EXPECT_EQ(lan_info.ifindex[1], 0);
+    // No gateway option: the gateway values keep their defaults.
+    EXPECT_EQ(lan_info.gateway_port, -1);
+    EXPECT_STREQ(lan_info.gateway, "");
+    lan_info = saved;
+    lan_info_confdir = saved_dir;
+    unlink((conf + "/network").c_str());
+    rmdir(conf.c_str());
+}
+
+TEST(LanInfoUci, EmptyMaskKeepsTheOldPrefix)
+{
+    std::string conf = temp_dir();
+    write_file(conf + "/network", "config interface 'lan'\n\toption ipaddr '10.1.1.1'\n\toption netmask '0.0.0.0'\n");
+    struct lan_info saved = lan_info;
+    const char *saved_dir = lan_info_confdir;
+    lan_info_confdir = conf.c_str();
+    lan_info.prefix_len = 16;
+    update_lan_info_by_uci();
+    EXPECT_EQ(lan_info.prefix_len, 16);
+    lan_info = saved;
+    lan_info_confdir = saved_dir;
+    unlink((conf + "/network").c_str());
+    rmdir(conf.c_str());
+}
+
+TEST(LanInfoUci, MissingPackageLeavesLanInfo)
+{
+    std::string conf = temp_dir();
+    struct lan_info saved = lan_info;
+    const char *saved_dir = lan_info_confdir;
+    lan_info_confdir = conf.c_str();
+    std::snprintf(lan_info.ip, sizeof(lan_info.ip), "%s", "172.16.0.1");
+    testing::internal::CaptureStderr();
+    update_lan_info_by_uci();
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_STREQ(lan_info.ip, "172.16.0.1");
+    EXPECT_EQ(err.rfind("network: ", 0), 0u) << err;
+    lan_info = saved;
+    lan_info_confdir = saved_dir;
+    rmdir(conf.c_str());
+}
