@@ -179,7 +179,7 @@ LR_UBUS_HANDLER(update)
     if (tb[UPDATE_PRINT_NEIGH] && blobmsg_get_u32(tb[UPDATE_PRINT_NEIGH]) != 0) {
         blob_buf_init(&reply_buf, 0);
         dump_arp_items();
-        ubus_send_reply(ctx, req, reply_buf.head);
+        send_reply_buf(ctx, req);
         asked = true;
     }
     if (tb[UPDATE_REPORT_NEIGH]) {
@@ -225,7 +225,7 @@ LR_UBUS_HANDLER(mac_oui_ubus_query)
         reply_add_string("vendor", found ? vendor : "");
         reply_add_u32("err_code", found ? 0 : 1);
     }
-    ubus_send_reply(ctx, req, reply_buf.head);
+    send_reply_buf(ctx, req);
     return 0;
 }
 

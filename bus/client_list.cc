@@ -555,6 +555,6 @@ LR_UBUS_HANDLER(get_hist_list_new)
                               v[HIST_NEW_WIRELESS],     v[HIST_NEW_QOS_SCHEDULE],
                               v[HIST_NEW_HIGH_BANDWIDTH_OCCUPANCY], v[HIST_NEW_LANROSTER_FILE]};
     compose_hist_list_new(request);
-    ubus_send_reply(ctx, req, reply_buf.head);
+    send_reply_buf(ctx, req);
     return 0;
 }

@@ -137,6 +137,13 @@ void lanroster_ubus_deinit() noexcept
     event_listener = {};
 }
 
+int (*reply_sender)(ubus_context *ctx, ubus_request_data *req, blob_attr *msg) = ubus_send_reply;
+
+int send_reply_buf(ubus_context *ctx, ubus_request_data *req) noexcept
+{
+    return reply_sender(ctx, req, reply_buf.head);
+}
+
 void *reply_open_table() noexcept
 {
     return blobmsg_open_nested(&reply_buf, nullptr, false);

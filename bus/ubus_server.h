@@ -32,6 +32,11 @@ void lanroster_ubus_deinit() noexcept;
 // its allocation is reused from one reply to the next.
 extern blob_buf reply_buf;
 
+// Sends reply_buf as the data of request `req`; ubus_send_reply in the
+// daemon. The fuzz harnesses check the reply instead of sending it.
+extern int (*reply_sender)(ubus_context *ctx, ubus_request_data *req, blob_attr *msg);
+int send_reply_buf(ubus_context *ctx, ubus_request_data *req) noexcept;
+
 // A table with an empty name, at the root of a reply or inside an array;
 // the cookie goes to blob_nest_end.
 void *reply_open_table() noexcept;
