@@ -11,6 +11,7 @@
 #include "core/timers.h"
 #include "core/uci_util.h"
 #include "core/watch.h"
+#include "registry/client_node.h"
 #include "scan/client_table.h"
 #include "scan/lan_info.h"
 #include "scan/lease.h"
@@ -27,7 +28,6 @@ int get_system_info() noexcept { return 0; }  // capability snapshot
 int new_client_asscess_init() noexcept { return 0; }  // netlink and driver event sockets
 void close_event_sockets() noexcept {}
 void iwinfo_finish_hook() noexcept {}
-int create_memory_queue() noexcept { return 0; }  // record pool, history, policy mirrors
 
 // Port count of the interface table; starts at 0 on every start.
 void reset_port_count() noexcept {}

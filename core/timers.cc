@@ -5,6 +5,7 @@
 
 #include "core/openwrt.h"
 #include "core/threadpool.h"
+#include "registry/compare.h"
 #include "scan/client_table.h"
 
 namespace {
@@ -54,7 +55,7 @@ bool local_report_timer_pending() noexcept
 
 void run_compare_pass() noexcept
 {
-    // The registry's compare pass lays the list over the live records here.
+    compare_client_table(client_table.head);
 }
 
 void local_report_task(void *) noexcept

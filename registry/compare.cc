@@ -232,7 +232,7 @@ void fill_node_from_entry(client_node *node, const client_table_entry *entry,
         node->access_time = now;
         node->first_access_time = now;
         node->leave_time = now;
-    } else if (clock_is_set() && node->clock_state == CLOCK_NOT_SET &&
+    } else if (node->clock_state == CLOCK_NOT_SET && clock_is_set() &&
                registry_sysinfo(&info) == 0) {
         // The clock was set since the connection: compute the connection
         // time back from the uptime, and have it written once.
