@@ -34,51 +34,51 @@ constexpr blobmsg_policy string_key(const char *name) noexcept
 }  // namespace
 
 const blobmsg_policy update_policy[UPDATE_ATTR_MAX] = {
-    [UPDATE_DELAY] = int32_key("delay"),
-    [UPDATE_INTERVAL] = int32_key("interval"),
-    [UPDATE_PRINT_NEIGH] = int32_key("print_neigh"),
-    [UPDATE_REPORT_NEIGH] = string_key("report_neigh"),
+    /* UPDATE_DELAY */ int32_key("delay"),
+    /* UPDATE_INTERVAL */ int32_key("interval"),
+    /* UPDATE_PRINT_NEIGH */ int32_key("print_neigh"),
+    /* UPDATE_REPORT_NEIGH */ string_key("report_neigh"),
 };
 const blobmsg_policy get_policy[GET_ATTR_MAX] = {
-    [GET_REQUEST_TYPE] = int32_key("request_type"), [GET_IPV4_ADDR] = int32_key("ipv4_addr"),
-    [GET_IPV6_BYTE1] = int32_key("ipv6_byte1"),     [GET_IPV6_BYTE2] = int32_key("ipv6_byte2"),
-    [GET_IPV6_BYTE3] = int32_key("ipv6_byte3"),     [GET_IPV6_BYTE4] = int32_key("ipv6_byte4"),
+    /* GET_REQUEST_TYPE */ int32_key("request_type"), /* GET_IPV4_ADDR */ int32_key("ipv4_addr"),
+    /* GET_IPV6_BYTE1 */ int32_key("ipv6_byte1"),     /* GET_IPV6_BYTE2 */ int32_key("ipv6_byte2"),
+    /* GET_IPV6_BYTE3 */ int32_key("ipv6_byte3"),     /* GET_IPV6_BYTE4 */ int32_key("ipv6_byte4"),
 };
 const blobmsg_policy hist_policy[HIST_ATTR_MAX] = {
-    [HIST_REQUEST_TYPE] = int32_key("request_type"),
+    /* HIST_REQUEST_TYPE */ int32_key("request_type"),
 };
 const blobmsg_policy dev_info_policy[DEV_INFO_ATTR_MAX] = {
-    [DEV_INFO_AL_MAC] = string_key("al_mac"),
-    [DEV_INFO_INTERFACE_LIST] = string_key("interface_list"),
+    /* DEV_INFO_AL_MAC */ string_key("al_mac"),
+    /* DEV_INFO_INTERFACE_LIST */ string_key("interface_list"),
 };
 const blobmsg_policy dev_type_policy[DEV_TYPE_ATTR_MAX] = {
-    [DEV_TYPE_DEVICE_TYPE] = string_key("device_type"),
-    [DEV_TYPE_DEVICE_MAC] = string_key("device_mac"),
+    /* DEV_TYPE_DEVICE_TYPE */ string_key("device_type"),
+    /* DEV_TYPE_DEVICE_MAC */ string_key("device_mac"),
 };
 const blobmsg_policy nickname_policy[NICKNAME_ATTR_MAX] = {
-    [NICKNAME_NICKNAME] = string_key("nickname"),
-    [NICKNAME_DEVICE_MAC] = string_key("device_mac"),
+    /* NICKNAME_NICKNAME */ string_key("nickname"),
+    /* NICKNAME_DEVICE_MAC */ string_key("device_mac"),
 };
 const blobmsg_policy device_mac_policy[DEVICE_MAC_ATTR_MAX] = {
-    [DEVICE_MAC] = string_key("device_mac"),
+    /* DEVICE_MAC */ string_key("device_mac"),
 };
 const blobmsg_policy auth_state_policy[AUTH_STATE_ATTR_MAX] = {
-    [AUTH_STATE] = int32_key("auth_state"),
+    /* AUTH_STATE */ int32_key("auth_state"),
 };
 const blobmsg_policy hist_new_policy[HIST_NEW_ATTR_MAX] = {
-    [HIST_NEW_ONLINE_TYPE] = int32_key("online_type"),
-    [HIST_NEW_V6] = int32_key("v6"),
-    [HIST_NEW_ACCESS_LIMIT] = int32_key("access_limit"),
-    [HIST_NEW_SPEED_LIMIT] = int32_key("speed_limit"),
-    [HIST_NEW_QOS] = int32_key("qos"),
-    [HIST_NEW_TFSTATS] = int32_key("tfstats"),
-    [HIST_NEW_WIRELESS] = int32_key("wireless"),
-    [HIST_NEW_QOS_SCHEDULE] = int32_key("qos_schedule"),
-    [HIST_NEW_HIGH_BANDWIDTH_OCCUPANCY] = int32_key("high_bandwidth_occupancy"),
-    [HIST_NEW_LANROSTER_FILE] = int32_key("lanroster_file"),
+    /* HIST_NEW_ONLINE_TYPE */ int32_key("online_type"),
+    /* HIST_NEW_V6 */ int32_key("v6"),
+    /* HIST_NEW_ACCESS_LIMIT */ int32_key("access_limit"),
+    /* HIST_NEW_SPEED_LIMIT */ int32_key("speed_limit"),
+    /* HIST_NEW_QOS */ int32_key("qos"),
+    /* HIST_NEW_TFSTATS */ int32_key("tfstats"),
+    /* HIST_NEW_WIRELESS */ int32_key("wireless"),
+    /* HIST_NEW_QOS_SCHEDULE */ int32_key("qos_schedule"),
+    /* HIST_NEW_HIGH_BANDWIDTH_OCCUPANCY */ int32_key("high_bandwidth_occupancy"),
+    /* HIST_NEW_LANROSTER_FILE */ int32_key("lanroster_file"),
 };
 const blobmsg_policy mac_oui_policy[MAC_OUI_ATTR_MAX] = {
-    [MAC_OUI_MAC] = string_key("mac"),
+    /* MAC_OUI_MAC */ string_key("mac"),
 };
 static_assert(std::size(update_policy) == UPDATE_ATTR_MAX);
 static_assert(std::size(hist_new_policy) == HIST_NEW_ATTR_MAX);

@@ -17,7 +17,7 @@ namespace {
 
 enum { PRINT_CLIENT_ONLINE, PRINT_CLIENT_ATTR_MAX };
 const blobmsg_policy print_client_policy[] = {
-    [PRINT_CLIENT_ONLINE] = {.name = "online", .type = BLOBMSG_TYPE_INT32},
+    /* PRINT_CLIENT_ONLINE */ {.name = "online", .type = BLOBMSG_TYPE_INT32},
 };
 static_assert(std::size(print_client_policy) == PRINT_CLIENT_ATTR_MAX);
 

@@ -17,6 +17,7 @@
 #include "bus/ubus_handlers.h"
 #include "bus/ubus_server.h"
 #include "core/log.h"
+#include "core/threadpool.h"
 #include "registry/client_node.h"
 #include "scan/client_table.h"
 
@@ -77,6 +78,23 @@ std::vector<uint8_t> message_of(const uint8_t *data, size_t size)
     return buf;
 }
 
+// The listener posts onto a pool with no workers; the task and its copy
+// are taken back from the queue and freed here.
+void dispatch_event(blob_attr *msg)
+{
+    static threadpool pool{};
+    static const bool ready = threadpool_init(&pool, 1) == 0;
+    if (!ready)
+        return;
+    thread_pool = &pool;
+    event_dispatch(nullptr, nullptr, "lanroster.print_client", msg);
+    while (threadpool_task *t = task_dequeue(&pool.task_queue)) {
+        std::free(t->arg);
+        std::free(t);
+    }
+    thread_pool = nullptr;
+}
+
 void mac_texts(const uint8_t *data, size_t size)
 {
     std::vector<char> text(data, data + size);
@@ -117,7 +135,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         break;
     }
     case 4:
-        event_dispatch(nullptr, nullptr, "lanroster.print_client", msg);  // no pool: the copy is dropped
+        dispatch_event(msg);
         break;
     default:
         mac_texts(data + 1, size - 1);
