@@ -19,6 +19,7 @@
 #include "core/log.h"
 #include "core/threadpool.h"
 #include "scan/client_table.h"
+#include "scan/lan_info.h"
 
 using bus_test::BusFixture;
 
@@ -276,6 +277,35 @@ TEST_F(MacOuiReq, UnknownVendorAndBadInput)
     EXPECT_EQ(req(nullptr), "{\"err_code\":-1}");
 }
 
+// --- lan_update ---------------------------------------------------------------
+
+TEST(LanUpdate, RereadsTheNetworkPackageAndRepliesNothing)
+{
+    char tmpl[] = "/tmp/lr-lan-update-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    std::string dir = tmpl;
+    FILE *f = std::fopen((dir + "/network").c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    std::fputs("config interface 'lan'\n\toption ipaddr '10.9.8.1'\n\toption netmask '255.255.0.0'\n", f);
+    std::fclose(f);
+    const char *saved = lan_info_confdir;
+    lan_info_confdir = dir.c_str();
+    lan_info = {};
+    {
+        BusFixture bus;
+        ASSERT_TRUE(bus.ok());
+        auto r = bus.call("lanroster", "lan_update", nullptr);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_TRUE(r.replies.empty());
+    }
+    EXPECT_STREQ(lan_info.ip, "10.9.8.1");
+    EXPECT_EQ(lan_info.prefix_len, 16);
+    lan_info_confdir = saved;
+    lan_info = {};
+    std::remove((dir + "/network").c_str());
+    rmdir(dir.c_str());
+}
+
 // --- methods whose work isn't in yet ----------------------------------------
 
 TEST(PendingMethods, NoReplyAndStatusZero)
@@ -371,6 +401,29 @@ TEST_F(Events, PrintLanInfoRunsOnAWorker)
     std::string line = text.substr(bol == std::string::npos ? 0 : bol + 1, text.find('\n', at) - bol);
     EXPECT_EQ(line.find(main_tid), std::string::npos) << line;
     EXPECT_NE(line.find("|level:6|"), std::string::npos) << line;
+}
+
+TEST_F(Events, PrintLanInfoLinesCarryTheLanDescription)
+{
+    std::strcpy(lan_info.ip, "192.168.7.1");
+    lan_info.prefix_len = 24;
+    lan_info.ifnum = 2;
+    std::strcpy(lan_info.ifname[0], "eth0");
+    lan_info.ifindex[0] = 3;
+    std::strcpy(lan_info.ifname[1], "wl0");
+    lan_info.ifindex[1] = 7;
+    lan_info.gateway_mac[4] = 0xAB;
+    lan_info.gateway_mac[5] = 0x0C;
+    lan_info.gateway_port = 2;
+    bus_.send_event("lanroster.print_lan_info", "{\"ignored\": 1}");
+    drain_pool();
+    std::string text = console();
+    EXPECT_NE(text.find("lan info, ip : 192.168.7.1, mask : 24, ifnum : 2, gateway : AB-0C(port 2)"),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("lan ifname:eth0, idx:3"), std::string::npos);
+    EXPECT_NE(text.find("lan ifname:wl0, idx:7"), std::string::npos);
+    lan_info = {};
 }
 
 TEST_F(Events, SetLogLevelReachesThePool)
