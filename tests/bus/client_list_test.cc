@@ -123,8 +123,8 @@ protected:
     void TearDown() override
     {
         set_history_list(nullptr);
-        for (client_node &n : nodes_)
-            free_ip6_globals(&n);
+        for (int i = 0; i < used_; ++i)
+            free_ip6_globals(&nodes_[i]);
         hist_sources = hist_sources_default;
         system_info = {};
     }
@@ -173,7 +173,7 @@ protected:
             out.push_back(value_of(t, "mac").substr(15));
         return out;
     }
-    client_node nodes_[16];
+    client_node nodes_[16]{};
     int used_ = 0;
 };
 
