@@ -19,7 +19,8 @@
 #include "scan/client_table.h"
 #include "scan/lan_info.h"
 
-namespace {
+namespace
+{
 
 constexpr blobmsg_policy int32_key(const char *name) noexcept
 {
@@ -31,7 +32,7 @@ constexpr blobmsg_policy string_key(const char *name) noexcept
     return {.name = name, .type = BLOBMSG_TYPE_STRING};
 }
 
-}  // namespace
+} // namespace
 
 const blobmsg_policy update_policy[UPDATE_ATTR_MAX] = {
     /* UPDATE_DELAY */ int32_key("delay"),
@@ -40,9 +41,12 @@ const blobmsg_policy update_policy[UPDATE_ATTR_MAX] = {
     /* UPDATE_REPORT_NEIGH */ string_key("report_neigh"),
 };
 const blobmsg_policy get_policy[GET_ATTR_MAX] = {
-    /* GET_REQUEST_TYPE */ int32_key("request_type"), /* GET_IPV4_ADDR */ int32_key("ipv4_addr"),
-    /* GET_IPV6_BYTE1 */ int32_key("ipv6_byte1"),     /* GET_IPV6_BYTE2 */ int32_key("ipv6_byte2"),
-    /* GET_IPV6_BYTE3 */ int32_key("ipv6_byte3"),     /* GET_IPV6_BYTE4 */ int32_key("ipv6_byte4"),
+    /* GET_REQUEST_TYPE */ int32_key("request_type"),
+    /* GET_IPV4_ADDR */ int32_key("ipv4_addr"),
+    /* GET_IPV6_BYTE1 */ int32_key("ipv6_byte1"),
+    /* GET_IPV6_BYTE2 */ int32_key("ipv6_byte2"),
+    /* GET_IPV6_BYTE3 */ int32_key("ipv6_byte3"),
+    /* GET_IPV6_BYTE4 */ int32_key("ipv6_byte4"),
 };
 const blobmsg_policy hist_policy[HIST_ATTR_MAX] = {
     /* HIST_REQUEST_TYPE */ int32_key("request_type"),
@@ -98,7 +102,8 @@ int parse_update_request(blob_attr *msg, blob_attr **tb) noexcept
     return blobmsg_parse(update_policy, UPDATE_ATTR_MAX, tb, blob_data(msg), blob_len(msg));
 }
 
-namespace {
+namespace
+{
 
 // One table per remembered neighbour: MAC in lower case, address, active.
 void dump_arp_items() noexcept
@@ -141,8 +146,8 @@ bool report_neighbour(const char *text) noexcept
         ++cut;
     uint8_t mac[6];
     in_addr addr{};
-    int fields = std::sscanf(buf, "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx", &mac[0], &mac[1], &mac[2], &mac[3],
-                             &mac[4], &mac[5]);
+    int fields = std::sscanf(buf, "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx", &mac[0], &mac[1], &mac[2],
+                             &mac[3], &mac[4], &mac[5]);
     if (fields != 6 || inet_aton(cut, &addr) == 0 || addr.s_addr == 0)
         return false;
     struct arp_item &row = arp_row(addr.s_addr);
@@ -158,7 +163,7 @@ void run_compare_pass() noexcept
         update_compare_pass(client_table.head);
 }
 
-}  // namespace
+} // namespace
 
 LR_UBUS_HANDLER(update)
 {
@@ -231,11 +236,11 @@ LR_UBUS_HANDLER(mac_oui_ubus_query)
 
 // Handlers of the device commands and the history queries. Until their work
 // lands each one does nothing: no reply, status 0.
-#define LR_PENDING_HANDLER(name)                                                                       \
-    LR_UBUS_HANDLER(name)                                                                              \
-    {                                                                                                  \
-        (void)ctx, (void)obj, (void)req, (void)method, (void)msg;                                      \
-        return 0;                                                                                      \
+#define LR_PENDING_HANDLER(name)                                                                             \
+    LR_UBUS_HANDLER(name)                                                                                    \
+    {                                                                                                        \
+        (void)ctx, (void)obj, (void)req, (void)method, (void)msg;                                            \
+        return 0;                                                                                            \
     }
 
 LR_PENDING_HANDLER(get_ARP)

@@ -18,7 +18,8 @@
 #include "registry/rwlock_guard.h"
 #include "scan/lan_info.h"
 
-namespace {
+namespace
+{
 
 time_t wall_clock() noexcept
 {
@@ -68,8 +69,7 @@ struct gathered {
 };
 
 // Keeps what a source delivered only when it says it succeeded.
-template <typename T>
-void keep_if_ok(int result, T *&rows, int &count) noexcept
+template <typename T> void keep_if_ok(int result, T *&rows, int &count) noexcept
 {
     if (result != 0 || !rows || count <= 0) {
         std::free(rows);
@@ -100,7 +100,8 @@ void gather_sources(const hist_list_request &req, gathered &g) noexcept
     if (req.wireless)
         keep_if_ok(hist_sources.wireless_info(&g.stations, &g.station_count), g.stations, g.station_count);
     keep_if_ok(hist_sources.fing_info(&g.fing, &g.fing_count), g.fing, g.fing_count);
-    keep_if_ok(hist_sources.device_type_info(&g.categories, &g.category_count), g.categories, g.category_count);
+    keep_if_ok(hist_sources.device_type_info(&g.categories, &g.category_count), g.categories,
+               g.category_count);
     if (system_info.support_easymesh || system_info.support_weavelink)
         keep_if_ok(hist_sources.mesh_agent(&g.mesh_agents, &g.mesh_agent_count), g.mesh_agents,
                    g.mesh_agent_count);
@@ -109,8 +110,7 @@ void gather_sources(const hist_list_request &req, gathered &g) noexcept
 }
 
 // Linear walks that stop at the first equal MAC.
-template <typename T>
-const T *find_row(const T *rows, int count, const uint8_t mac[6]) noexcept
+template <typename T> const T *find_row(const T *rows, int count, const uint8_t mac[6]) noexcept
 {
     for (int i = 0; i < count; ++i)
         if (std::memcmp(rows[i].mac, mac, 6) == 0)
@@ -121,7 +121,7 @@ const T *find_row(const T *rows, int count, const uint8_t mac[6]) noexcept
 bool mac_listed(const uint8_t *macs, int count, const uint8_t mac[6]) noexcept
 {
     for (int i = 0; i < count; ++i)
-        if (std::memcmp(macs + 6 * i, mac, 6) == 0)
+        if (std::memcmp(macs + 6 * static_cast<size_t>(i), mac, 6) == 0)
             return true;
     return false;
 }
@@ -165,16 +165,17 @@ bool skip_record(const walk_state &w, const client_node &n) noexcept
     if (w.req.online_type == 0 && is_current(n.status))
         return true;
     if (mac_listed(w.src.mesh_agents, w.src.mesh_agent_count, n.mac))
-        return true;  // a mesh node is not shown as a client of itself
+        return true; // a mesh node is not shown as a client of itself
     if (is_mesh_agent && system_info.sys_mode == SYS_MODE_REPEATER && !mac_is_zero(n.connect_device_mac)) {
         // A repeater shows only the clients on itself and on the main device.
-        if (!node_mac_equal(n.connect_device_mac, w.self_mac) && !node_mac_equal(n.connect_device_mac, w.main_mac))
+        if (!node_mac_equal(n.connect_device_mac, w.self_mac) &&
+            !node_mac_equal(n.connect_device_mac, w.main_mac))
             return true;
     }
     if (w.req.v6 == 0 && n.ip6_only == 1)
         return true;
     if (n.wire_type == 9)
-        return true;  // the mesh configuration interface
+        return true; // the mesh configuration interface
     return system_info.sys_mode != SYS_MODE_ROUTER && node_mac_equal(n.mac, lan_info.gateway_mac);
 }
 
@@ -297,7 +298,8 @@ void add_limit_state_prio_keys(const walk_state &w, const client_node &n) noexce
         reply_add_u32("uploadLimit", n.upload_limit);
         reply_add_u32("downloadLimit", n.download_limit);
     }
-    bool blocked = system_info.access_enable && system_info.access_mode_black && w.req.access_limit && n.blocked == 1;
+    bool blocked =
+        system_info.access_enable && system_info.access_mode_black && w.req.access_limit && n.blocked == 1;
     char ip[INET_ADDRSTRLEN] = "0.0.0.0";
     in_addr addr{n.ip};
     if (!blocked)
@@ -366,7 +368,8 @@ void add_v6_keys(const client_node &n) noexcept
     reply_add_u32("global_ip_num", num);
 }
 
-void add_schedule_keys(uint8_t enable, int32_t time_mode, const char *slots, uint8_t repeats, uint8_t status) noexcept
+void add_schedule_keys(uint8_t enable, int32_t time_mode, const char *slots, uint8_t repeats,
+                       uint8_t status) noexcept
 {
     reply_add_string("schedule_enable", on_off(enable == 1));
     reply_add_string("time_mode", time_mode == 2 ? "schedule" : "period");
@@ -416,7 +419,8 @@ void add_policy_and_tail_keys(const walk_state &w, const client_node &n, bool ra
     if (system_info.support_qos_schedule && req.qos_schedule) {
         char slots[32] = "";
         if (n.slots[0] != 0xff)
-            std::snprintf(slots, sizeof(slots), "%02d:%02d-%02d:%02d", n.slots[0], n.slots[1], n.slots[2], n.slots[3]);
+            std::snprintf(slots, sizeof(slots), "%02d:%02d-%02d:%02d", n.slots[0], n.slots[1], n.slots[2],
+                          n.slots[3]);
         add_schedule_keys(n.schedule_enable, n.time_mode, slots, n.repeats, n.qos_status);
     }
     const fing_info *fing = find_row(w.src.fing, w.src.fing_count, n.mac);
@@ -467,7 +471,8 @@ void add_file_client_table(const walk_state &w, const file_client &c) noexcept
     if (system_info.support_qos_schedule) {
         char slots[32] = "";
         if (c.slots[0] != 0xff)
-            std::snprintf(slots, sizeof(slots), "%u:%u-%u:%u", c.slots[0], c.slots[1], c.slots[2], c.slots[3]);
+            std::snprintf(slots, sizeof(slots), "%u:%u-%u:%u", c.slots[0], c.slots[1], c.slots[2],
+                          c.slots[3]);
         add_schedule_keys(c.schedule_enable, c.time_mode, slots, c.repeats, c.qos_status);
     }
     reply_add_string("connect_device_mac", main_device_mac);
@@ -492,12 +497,20 @@ void add_file_clients(const walk_state &w, gathered &g) noexcept
     blob_nest_end(&reply_buf, array);
 }
 
-}  // namespace
+} // namespace
 
 const hist_source_ops hist_sources_default = {
-    ubus_get_tfstats, ubus_get_workaround_tfstats, ubus_get_hi_bw_occ_macs, get_wireless_info,
-    get_fing_info,    get_pctl_device_type_info,   ubus_get_mesh_agent,     get_gaming_lan_macs,
-    get_lanroster_file_clients, query_name_by_mac_oui_v2, wall_clock,
+    ubus_get_tfstats,
+    ubus_get_workaround_tfstats,
+    ubus_get_hi_bw_occ_macs,
+    get_wireless_info,
+    get_fing_info,
+    get_pctl_device_type_info,
+    ubus_get_mesh_agent,
+    get_gaming_lan_macs,
+    get_lanroster_file_clients,
+    query_name_by_mac_oui_v2,
+    wall_clock,
 };
 hist_source_ops hist_sources = hist_sources_default;
 
@@ -550,10 +563,11 @@ LR_UBUS_HANDLER(get_hist_list_new)
     LR_LOG(7, "req_qos_schedule = %d", v[HIST_NEW_QOS_SCHEDULE]);
     LR_LOG(7, "req_high_bandwidth_occupancy = %d", v[HIST_NEW_HIGH_BANDWIDTH_OCCUPANCY]);
     LR_LOG(7, "req_lanroster_file = %d", v[HIST_NEW_LANROSTER_FILE]);
-    hist_list_request request{v[HIST_NEW_ONLINE_TYPE],  v[HIST_NEW_V6],       v[HIST_NEW_ACCESS_LIMIT],
-                              v[HIST_NEW_SPEED_LIMIT],  v[HIST_NEW_QOS],      v[HIST_NEW_TFSTATS],
-                              v[HIST_NEW_WIRELESS],     v[HIST_NEW_QOS_SCHEDULE],
-                              v[HIST_NEW_HIGH_BANDWIDTH_OCCUPANCY], v[HIST_NEW_LANROSTER_FILE]};
+    hist_list_request request{
+        v[HIST_NEW_ONLINE_TYPE],   v[HIST_NEW_V6],           v[HIST_NEW_ACCESS_LIMIT],
+        v[HIST_NEW_SPEED_LIMIT],   v[HIST_NEW_QOS],          v[HIST_NEW_TFSTATS],
+        v[HIST_NEW_WIRELESS],      v[HIST_NEW_QOS_SCHEDULE], v[HIST_NEW_HIGH_BANDWIDTH_OCCUPANCY],
+        v[HIST_NEW_LANROSTER_FILE]};
     compose_hist_list_new(request);
     send_reply_buf(ctx, req);
     return 0;

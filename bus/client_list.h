@@ -12,7 +12,7 @@
 
 // The request; a value counts as true when it isn't 0.
 struct hist_list_request {
-    int32_t online_type;  // 0 offline, 1 online, anything else all clients
+    int32_t online_type; // 0 offline, 1 online, anything else all clients
     int32_t v6;
     int32_t access_limit;
     int32_t speed_limit;
@@ -28,7 +28,8 @@ struct hist_list_request {
 // swap in their own.
 struct hist_source_ops {
     int (*tfstats)(tfstats_entry **entries, int *count) noexcept;
-    int (*workaround_tfstats)(tfstats_entry **wlan, tfstats_entry **lan, int *wlan_count, int *lan_count) noexcept;
+    int (*workaround_tfstats)(tfstats_entry **wlan, tfstats_entry **lan, int *wlan_count,
+                              int *lan_count) noexcept;
     int (*hi_bw_occ_macs)(uint8_t **macs, int *count) noexcept;
     int (*wireless_info)(wireless_station **rows, int *count) noexcept;
     int (*fing_info)(fing_info **rows, int *count) noexcept;

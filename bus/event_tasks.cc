@@ -13,7 +13,8 @@
 #include "registry/rwlock_guard.h"
 #include "scan/lan_info.h"
 
-namespace {
+namespace
+{
 
 enum { PRINT_CLIENT_ONLINE, PRINT_CLIENT_ATTR_MAX };
 const blobmsg_policy print_client_policy[] = {
@@ -34,7 +35,7 @@ void log_client(const client_node *node) noexcept
     LR_LOG(6, "MAC : %02X-%02X IP : %s status : %d", node->mac[4], node->mac[5], ip, node->status);
 }
 
-}  // namespace
+} // namespace
 
 void print_lan_info(void *) noexcept
 {
@@ -57,7 +58,8 @@ void print_client(void *message) noexcept
         blob_attr *tb[PRINT_CLIENT_ATTR_MAX] = {};
         if (msg)
             blobmsg_parse(print_client_policy, PRINT_CLIENT_ATTR_MAX, tb, blob_data(msg), blob_len(msg));
-        int32_t online = tb[PRINT_CLIENT_ONLINE] ? static_cast<int32_t>(blobmsg_get_u32(tb[PRINT_CLIENT_ONLINE])) : -1;
+        int32_t online =
+            tb[PRINT_CLIENT_ONLINE] ? static_cast<int32_t>(blobmsg_get_u32(tb[PRINT_CLIENT_ONLINE])) : -1;
         LR_LOG(7, "online_type = %d", online);
         const client_node *node = get_history_list();
         if (online == 0) {

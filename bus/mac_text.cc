@@ -2,7 +2,8 @@
 
 #include <cstring>
 
-namespace {
+namespace
+{
 
 int hex_digit(char c) noexcept
 {
@@ -15,7 +16,7 @@ int hex_digit(char c) noexcept
     return -1;
 }
 
-}  // namespace
+} // namespace
 
 int mac_text_valid(const char *text) noexcept
 {
@@ -71,7 +72,7 @@ int macstr2num(const char *text, uint8_t out[6], const char *separator) noexcept
             return -1;
         char c = p[1];
         if (c == '\0')
-            return -1;  // a pair cut by the end: nothing beyond it is read
+            return -1; // a pair cut by the end: nothing beyond it is read
         int lo;
         if (c >= '0' && c <= '9')
             lo = c - '0';

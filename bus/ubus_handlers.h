@@ -8,8 +8,8 @@
 
 struct client_table_entry;
 
-#define LR_UBUS_HANDLER(name)                                                                          \
-    int name(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char *method,       \
+#define LR_UBUS_HANDLER(name)                                                                                \
+    int name(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char *method,                \
              blob_attr *msg) noexcept
 
 LR_UBUS_HANDLER(update);

@@ -16,21 +16,24 @@ blob_buf reply_buf = {};
 ubus_event_handler event_listener = {};
 uint32_t event_copies_abandoned = 0;
 
-namespace {
+namespace
+{
 
 constexpr ubus_method method(const char *name, ubus_handler_t handler, const blobmsg_policy *policy,
                              int n_policy) noexcept
 {
-    return ubus_method{.name = name, .handler = handler, .mask = 0, .tags = 0, .policy = policy, .n_policy = n_policy};
+    return ubus_method{
+        .name = name, .handler = handler, .mask = 0, .tags = 0, .policy = policy, .n_policy = n_policy};
 }
 
 template <size_t N>
-constexpr ubus_method method(const char *name, ubus_handler_t handler, const blobmsg_policy (&policy)[N]) noexcept
+constexpr ubus_method method(const char *name, ubus_handler_t handler,
+                             const blobmsg_policy (&policy)[N]) noexcept
 {
     return method(name, handler, policy, static_cast<int>(N));
 }
 
-}  // namespace
+} // namespace
 
 const ubus_method lanroster_methods[] = {
     method("update", update, update_policy),
@@ -53,16 +56,30 @@ const ubus_method mac_oui_methods[] = {
     method("req", mac_oui_ubus_query, mac_oui_policy),
 };
 
-ubus_object_type lanroster_type = {.name = "lanroster", .id = 0, .methods = lanroster_methods,
-                                   .n_methods = LANROSTER_METHOD_COUNT};
-ubus_object_type mac_oui_type = {.name = "mac_oui", .id = 0, .methods = mac_oui_methods,
+ubus_object_type lanroster_type = {
+    .name = "lanroster", .id = 0, .methods = lanroster_methods, .n_methods = LANROSTER_METHOD_COUNT};
+ubus_object_type mac_oui_type = {.name = "mac_oui",
+                                 .id = 0,
+                                 .methods = mac_oui_methods,
                                  .n_methods = static_cast<int>(std::size(mac_oui_methods))};
 
-ubus_object lanroster_object = {.avl = {}, .name = "lanroster", .id = 0, .path = nullptr, .type = &lanroster_type,
-                                .subscribe_cb = nullptr, .has_subscribers = false, .methods = lanroster_methods,
+ubus_object lanroster_object = {.avl = {},
+                                .name = "lanroster",
+                                .id = 0,
+                                .path = nullptr,
+                                .type = &lanroster_type,
+                                .subscribe_cb = nullptr,
+                                .has_subscribers = false,
+                                .methods = lanroster_methods,
                                 .n_methods = LANROSTER_METHOD_COUNT};
-ubus_object mac_oui_object = {.avl = {}, .name = "mac_oui", .id = 0, .path = nullptr, .type = &mac_oui_type,
-                              .subscribe_cb = nullptr, .has_subscribers = false, .methods = mac_oui_methods,
+ubus_object mac_oui_object = {.avl = {},
+                              .name = "mac_oui",
+                              .id = 0,
+                              .path = nullptr,
+                              .type = &mac_oui_type,
+                              .subscribe_cb = nullptr,
+                              .has_subscribers = false,
+                              .methods = mac_oui_methods,
                               .n_methods = static_cast<int>(std::size(mac_oui_methods))};
 
 // The mesh peers' client lists ("meshd_client_update") come first once
@@ -75,7 +92,8 @@ const event_task_row event_task_table[] = {
     {nullptr, nullptr},
 };
 
-namespace {
+namespace
+{
 
 int register_event_listener() noexcept
 {
@@ -94,7 +112,7 @@ void drop_connection() noexcept
     ubus_ctx = nullptr;
 }
 
-}  // namespace
+} // namespace
 
 int lanroster_ubus_init() noexcept
 {

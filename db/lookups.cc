@@ -5,7 +5,8 @@
 #include "core/openwrt.h"
 #include "db/mac_oui_lib.h"
 
-namespace {
+namespace
+{
 
 int lib_load()
 {
@@ -38,7 +39,7 @@ bool arm_dict_release() noexcept
     return true;
 }
 
-}  // namespace
+} // namespace
 
 const mac_oui_ops mac_oui_backend_default = {lib_load, lib_release, lib_ready, lib_query};
 mac_oui_ops mac_oui_backend = mac_oui_backend_default;

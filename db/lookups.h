@@ -10,7 +10,7 @@ struct uloop_timeout;
 
 struct device_type_info {
     uint8_t mac[6];
-    int32_t type;  // row of the client category table
+    int32_t type; // row of the client category table
 };
 
 struct fing_info {

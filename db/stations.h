@@ -4,7 +4,7 @@
 #include <cstdint>
 
 struct wireless_station {
-    uint8_t mac[6];  // for an MLO station the MLD address
+    uint8_t mac[6]; // for an MLO station the MLD address
     int8_t signal;
     uint32_t rxrate;
     uint32_t txrate;

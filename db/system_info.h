@@ -10,8 +10,8 @@
 #include <cstdint>
 
 struct system_info {
-    uint8_t sys_mode;  // 0 router, 1 ap, 2 repeater, 3 client
-    uint8_t wan_type;  // 0 other, 1 "v6plus", 2 "dslite"
+    uint8_t sys_mode; // 0 router, 1 ap, 2 repeater, 3 client
+    uint8_t wan_type; // 0 other, 1 "v6plus", 2 "dslite"
     uint8_t qos_enable;
     uint8_t support_tfstats;
     uint8_t support_tfstats_workaround;

@@ -25,7 +25,8 @@ int ubus_get_workaround_tfstats(tfstats_entry **wlan_entries, tfstats_entry **la
     return -1;
 }
 
-namespace {
+namespace
+{
 
 int no_macs(uint8_t **macs, int *count) noexcept
 {
@@ -36,7 +37,7 @@ int no_macs(uint8_t **macs, int *count) noexcept
     return -1;
 }
 
-}  // namespace
+} // namespace
 
 int ubus_get_hi_bw_occ_macs(uint8_t **macs, int *count) noexcept
 {

@@ -25,7 +25,8 @@
 #include "db/system_info.h"
 #include "registry/client_node.h"
 
-namespace {
+namespace
+{
 
 // A private ubusd on a socket of its own; started once for the process.
 struct private_ubusd {
@@ -72,7 +73,7 @@ struct private_ubusd {
 // main thread does: a large reply is written out as the socket drains.
 struct daemon_loop {
     std::thread thread;
-    std::atomic<int> state{0};  // 1 on the bus, -1 failed
+    std::atomic<int> state{0}; // 1 on the bus, -1 failed
     static std::atomic<bool> stop;
 
     static void check_stop(uloop_timeout *t)
@@ -124,8 +125,12 @@ void fill_records()
     for (int i = 0; i < MEMORY_QUEUE_SIZE; ++i) {
         client_node &n = records[i];
         n = {};
-        const uint8_t mac[6] = {static_cast<uint8_t>(i % 10 == 0 ? 0x00 : 0x02), 0x00, 0x0c,
-                                static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i), 0x01};
+        const uint8_t mac[6] = {static_cast<uint8_t>(i % 10 == 0 ? 0x00 : 0x02),
+                                0x00,
+                                0x0c,
+                                static_cast<uint8_t>(i >> 8),
+                                static_cast<uint8_t>(i),
+                                0x01};
         std::memcpy(n.mac, mac, 6);
         n.status = i < 300 ? STATUS_ONLINE_LAST_TIME : STATUS_DISCONNECT;
         n.wire_type = static_cast<uint8_t>(i % 3 == 0 ? 10 : 1 + i % 4);
@@ -152,10 +157,19 @@ void fill_records()
 
 void every_feature_on()
 {
-    system_info = {.sys_mode = 0, .wan_type = 0, .qos_enable = 1, .support_tfstats = 1,
-                   .support_tfstats_workaround = 1, .access_enable = 1, .access_mode_black = 1,
-                   .support_high_bandwidth_occupancy = 1, .support_client_speed_limit = 1,
-                   .support_qos_schedule = 1, .support_easymesh = 1, .support_weavelink = 1, .support_mlo = 1,
+    system_info = {.sys_mode = 0,
+                   .wan_type = 0,
+                   .qos_enable = 1,
+                   .support_tfstats = 1,
+                   .support_tfstats_workaround = 1,
+                   .access_enable = 1,
+                   .access_mode_black = 1,
+                   .support_high_bandwidth_occupancy = 1,
+                   .support_client_speed_limit = 1,
+                   .support_qos_schedule = 1,
+                   .support_easymesh = 1,
+                   .support_weavelink = 1,
+                   .support_mlo = 1,
                    .support_gaming_lan = 1};
     std::strcpy(main_device_mac, "02-AA-00-00-00-01");
     std::strcpy(main_device_id, "bench-main-device-0000000000000000000000000");
@@ -231,6 +245,6 @@ void BM_ComposeHistListNew(benchmark::State &state)
 }
 BENCHMARK(BM_ComposeHistListNew)->Unit(benchmark::kMicrosecond);
 
-}  // namespace
+} // namespace
 
 BENCHMARK_MAIN();

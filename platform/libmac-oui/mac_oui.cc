@@ -17,10 +17,11 @@
 #include <string_view>
 #include <vector>
 
-namespace {
+namespace
+{
 
 struct oui_row {
-    uint64_t prefix;  // the assignment's hex digits as a number
+    uint64_t prefix; // the assignment's hex digits as a number
     uint32_t name_off;
     uint32_t name_len;
 };
@@ -84,7 +85,7 @@ size_t split_csv(std::string_view line, std::string &scratch, std::string_view *
         spans.emplace_back(start, scratch.size() - start);
         if (i >= line.size())
             break;
-        ++i;  // the comma
+        ++i; // the comma
     }
     for (size_t k = 0; k < spans.size(); ++k)
         fields[k] = std::string_view(scratch).substr(spans[k].first, spans[k].second);
@@ -145,7 +146,7 @@ void load_registry(const std::string &dir, registry &reg, std::string &names)
             continue;
         uint64_t prefix;
         if (!parse_prefix(trim(f[1]), reg.digits, prefix))
-            continue;  // the header line, or a broken row
+            continue; // the header line, or a broken row
         std::string_view name = trim(f[2]);
         reg.rows.push_back({prefix, static_cast<uint32_t>(names.size()), static_cast<uint32_t>(name.size())});
         names.append(name);
@@ -162,7 +163,7 @@ uint64_t mac_prefix(const uint8_t mac[6], unsigned digits) noexcept
     return v >> (48 - 4 * digits);
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int load_mac_oui_database(void)
 {

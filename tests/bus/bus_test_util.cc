@@ -4,9 +4,11 @@
 
 #include "bus/ubus_server.h"
 
-namespace bus_test {
+namespace bus_test
+{
 
-namespace {
+namespace
+{
 
 std::string text_of(blob_attr *a)
 {
@@ -38,7 +40,7 @@ table fields_in(void *data, size_t len)
     return t;
 }
 
-}  // namespace
+} // namespace
 
 table fields_of(blob_attr *root)
 {
@@ -147,4 +149,4 @@ void BusFixture::send_event(const char *name, const char *json)
     call("lanroster", "lan_update_probe_never_matches", nullptr);
 }
 
-}  // namespace bus_test
+} // namespace bus_test

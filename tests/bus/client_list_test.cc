@@ -22,7 +22,8 @@ using bus_test::table;
 using bus_test::tables_of;
 using bus_test::value_of;
 
-namespace {
+namespace
+{
 
 constexpr time_t NOW = 1700000000;
 
@@ -38,8 +39,7 @@ struct fake_sources {
 };
 fake_sources fake;
 
-template <typename T>
-int deliver(const std::vector<T> &rows, T **out, int *count) noexcept
+template <typename T> int deliver(const std::vector<T> &rows, T **out, int *count) noexcept
 {
     *out = nullptr;
     *count = 0;
@@ -106,8 +106,9 @@ std::vector<uint8_t> macs(std::initializer_list<uint8_t> lasts)
     return out;
 }
 
-class ClientList : public ::testing::Test {
-protected:
+class ClientList : public ::testing::Test
+{
+  protected:
     void SetUp() override
     {
         fake = {};
@@ -203,10 +204,19 @@ TEST_F(ClientList, OnlineAndOfflineFiltersAreNotMirrors)
 
 TEST_F(ClientList, EveryKeyInOrderWithEverythingAsked)
 {
-    system_info = {.sys_mode = 0, .wan_type = 0, .qos_enable = 1, .support_tfstats = 1,
-                   .support_tfstats_workaround = 0, .access_enable = 1, .access_mode_black = 1,
-                   .support_high_bandwidth_occupancy = 1, .support_client_speed_limit = 1,
-                   .support_qos_schedule = 1, .support_easymesh = 0, .support_weavelink = 0, .support_mlo = 1,
+    system_info = {.sys_mode = 0,
+                   .wan_type = 0,
+                   .qos_enable = 1,
+                   .support_tfstats = 1,
+                   .support_tfstats_workaround = 0,
+                   .access_enable = 1,
+                   .access_mode_black = 1,
+                   .support_high_bandwidth_occupancy = 1,
+                   .support_client_speed_limit = 1,
+                   .support_qos_schedule = 1,
+                   .support_easymesh = 0,
+                   .support_weavelink = 0,
+                   .support_mlo = 1,
                    .support_gaming_lan = 1};
     client_node &n = add(1, STATUS_ONLINE_LAST_TIME, 2);
     n.is_mesh_client = 1;
@@ -214,16 +224,50 @@ TEST_F(ClientList, EveryKeyInOrderWithEverythingAsked)
     n.connect_device_mac[5] = 0x77;
     auto list = query(all(2));
     ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(keys_of(list[0]),
-              (names{"mac",          "wire_type",     "guest",         "device_type",    "access_time",
-                     "access_uptime", "online_time",  "hostname",      "signal",         "rxrate",
-                     "txrate",       "mlo_valid_2G",  "mlo_valid_5G",  "mlo_valid_6G",   "enableLimit",
-                     "uploadLimit",  "downloadLimit", "connect_status", "ip",            "prio",
-                     "prio_time",    "time_period",   "remainTime",    "trafficUsage",   "uploadSpeed",
-                     "downloadSpeed", "owner_id",     "owner_name",    "global_state",   "ip6_local",
-                     "global_ip_num", "isHighBandwidthOccupancy", "schedule_enable", "time_mode", "slots",
-                     "repeats",      "qos_status",    "brand",         "sys_version",    "connect_device_mac",
-                     "mesh_agent",   "connect_device_id", "ifname",    "is_accessed_gaming_lan"}));
+    EXPECT_EQ(keys_of(list[0]), (names{"mac",
+                                       "wire_type",
+                                       "guest",
+                                       "device_type",
+                                       "access_time",
+                                       "access_uptime",
+                                       "online_time",
+                                       "hostname",
+                                       "signal",
+                                       "rxrate",
+                                       "txrate",
+                                       "mlo_valid_2G",
+                                       "mlo_valid_5G",
+                                       "mlo_valid_6G",
+                                       "enableLimit",
+                                       "uploadLimit",
+                                       "downloadLimit",
+                                       "connect_status",
+                                       "ip",
+                                       "prio",
+                                       "prio_time",
+                                       "time_period",
+                                       "remainTime",
+                                       "trafficUsage",
+                                       "uploadSpeed",
+                                       "downloadSpeed",
+                                       "owner_id",
+                                       "owner_name",
+                                       "global_state",
+                                       "ip6_local",
+                                       "global_ip_num",
+                                       "isHighBandwidthOccupancy",
+                                       "schedule_enable",
+                                       "time_mode",
+                                       "slots",
+                                       "repeats",
+                                       "qos_status",
+                                       "brand",
+                                       "sys_version",
+                                       "connect_device_mac",
+                                       "mesh_agent",
+                                       "connect_device_id",
+                                       "ifname",
+                                       "is_accessed_gaming_lan"}));
     const table &t = list[0];
     EXPECT_EQ(value_of(t, "mac"), "02-00-00-00-00-01");
     EXPECT_EQ(value_of(t, "wire_type"), "5G");
@@ -259,9 +303,9 @@ TEST_F(ClientList, PlainRequestHasTheAlwaysKeysOnly)
     auto list = query(plain(2));
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(keys_of(list[0]),
-              (names{"mac", "wire_type", "guest", "device_type", "access_time", "access_uptime", "online_time",
-                     "hostname", "connect_status", "ip", "owner_id", "owner_name", "brand", "sys_version",
-                     "connect_device_mac", "connect_device_id"}));
+              (names{"mac", "wire_type", "guest", "device_type", "access_time", "access_uptime",
+                     "online_time", "hostname", "connect_status", "ip", "owner_id", "owner_name", "brand",
+                     "sys_version", "connect_device_mac", "connect_device_id"}));
     EXPECT_EQ(value_of(list[0], "online_time"), "0");
     EXPECT_EQ(value_of(list[0], "connect_device_mac"), "02-AA-00-00-00-01");
 }
@@ -344,8 +388,9 @@ TEST_F(ClientList, RadioKeysFromAStationRowWithMloLinks)
     auto k = keys_of(list[0]);
     auto at = std::find(k.begin(), k.end(), "signal");
     ASSERT_NE(at, k.end());
-    EXPECT_EQ(names(at, at + 9), (names{"signal", "rxrate", "txrate", "mlo_valid_2G", "mlo_valid_5G",
-                                        "mlo_rx_rate_5G", "mlo_tx_rate_5G", "mlo_valid_6G", "connect_status"}));
+    EXPECT_EQ(names(at, at + 9),
+              (names{"signal", "rxrate", "txrate", "mlo_valid_2G", "mlo_valid_5G", "mlo_rx_rate_5G",
+                     "mlo_tx_rate_5G", "mlo_valid_6G", "connect_status"}));
     EXPECT_EQ(value_of(list[0], "signal"), "-51");
     EXPECT_EQ(value_of(list[0], "mlo_rx_rate_5G"), "800000");
 }
@@ -388,7 +433,7 @@ TEST_F(ClientList, FileClientTable)
     file_client named = c;
     mac_of(7, named.mac);
     std::strcpy(named.name, "tv");
-    std::memset(named.type, 'x', sizeof(named.type));  // 32 characters, no terminator
+    std::memset(named.type, 'x', sizeof(named.type)); // 32 characters, no terminator
     fake.file_clients = {c, agent, named};
     fake.mesh_agents = macs({8});
     auto r = plain(2);
@@ -396,8 +441,9 @@ TEST_F(ClientList, FileClientTable)
     query(r);
     auto files = tables_of(reply_buf.head, "file_client_list");
     ASSERT_EQ(files.size(), 2u);
-    EXPECT_EQ(keys_of(files[0]), (names{"mac", "name", "type", "prio", "prio_time", "time_period", "owner_id",
-                                        "access_time", "remainTime", "connect_device_mac", "connect_device_id"}));
+    EXPECT_EQ(keys_of(files[0]),
+              (names{"mac", "name", "type", "prio", "prio_time", "time_period", "owner_id", "access_time",
+                     "remainTime", "connect_device_mac", "connect_device_id"}));
     EXPECT_EQ(value_of(files[0], "name"), "network device");
     EXPECT_EQ(value_of(files[0], "type"), "UNKNOWN");
     EXPECT_EQ(value_of(files[0], "prio"), "on");
@@ -517,12 +563,12 @@ TEST_F(ClientList, MeshAgentsConfigAndRepeaterFilters)
 {
     system_info.support_weavelink = 1;
     add(1, STATUS_ONLINE_LAST_TIME);
-    add(2, STATUS_ONLINE_LAST_TIME);                 // a mesh agent itself
-    add(3, STATUS_ONLINE_LAST_TIME, 9);              // the configuration interface
-    client_node &far = add(4, STATUS_MESH_ONLINE);  // on another node
+    add(2, STATUS_ONLINE_LAST_TIME);               // a mesh agent itself
+    add(3, STATUS_ONLINE_LAST_TIME, 9);            // the configuration interface
+    client_node &far = add(4, STATUS_MESH_ONLINE); // on another node
     far.connect_device_mac[0] = 0x02;
     far.connect_device_mac[5] = 0x99;
-    client_node &mine = add(5, STATUS_MESH_ONLINE);  // on this node
+    client_node &mine = add(5, STATUS_MESH_ONLINE); // on this node
     ASSERT_EQ(mac_text_to_bytes(self_mac, mine.connect_device_mac), 0);
     fake.mesh_agents = macs({2});
     EXPECT_EQ(hostnames(query(plain(2))), (names{"01", "04", "05"}));
@@ -553,11 +599,11 @@ TEST_F(ClientList, TrafficKeysAndTheWorkaroundArrays)
     ASSERT_EQ(list.size(), 3u);
     EXPECT_EQ(value_of(list[0], "trafficUsage"), "100");
     EXPECT_EQ(value_of(list[1], "uploadSpeed"), "30");
-    EXPECT_EQ(value_of(list[2], "downloadSpeed"), "60");  // wired: the wired array and no other
+    EXPECT_EQ(value_of(list[2], "downloadSpeed"), "60"); // wired: the wired array and no other
     fake.lan_tf.clear();
     list = query(r);
-    EXPECT_EQ(value_of(list[2], "downloadSpeed"), "0");  // no wired array, no radio row
-    system_info.qos_enable = 1;                           // the workaround is off then
+    EXPECT_EQ(value_of(list[2], "downloadSpeed"), "0"); // no wired array, no radio row
+    system_info.qos_enable = 1;                         // the workaround is off then
     list = query(r);
     EXPECT_EQ(value_of(list[1], "uploadSpeed"), "0");
 }
@@ -577,7 +623,7 @@ TEST_F(ClientList, PolicyKeys)
     n.owner_id = 4;
     std::strcpy(n.owner_name, "Ann");
     client_node &m = add(2, STATUS_ONLINE_LAST_TIME);
-    m.owner_id = 5;  // with no name: no owner
+    m.owner_id = 5; // with no name: no owner
     fake.heavy = macs({1});
     fake.gaming = macs({2});
     fing_info f{};
@@ -630,4 +676,4 @@ TEST(ClientListBus, MissingKeyIsAnInvalidArgumentAndBadMessagesGetNoReply)
     EXPECT_TRUE(r.replies.empty());
 }
 
-}  // namespace
+} // namespace

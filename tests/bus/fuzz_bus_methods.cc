@@ -21,7 +21,8 @@
 #include "registry/client_node.h"
 #include "scan/client_table.h"
 
-namespace {
+namespace
+{
 
 int check_reply(ubus_context *, ubus_request_data *, blob_attr *msg)
 {
@@ -106,7 +107,7 @@ void mac_texts(const uint8_t *data, size_t size)
     macstr2num(text.data(), mac, nullptr);
 }
 
-}  // namespace
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -131,7 +132,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     case 3: {
         void *copy = std::malloc(blob_raw_len(msg));
         std::memcpy(copy, msg, blob_raw_len(msg));
-        print_client(copy);  // frees the copy
+        print_client(copy); // frees the copy
         break;
     }
     case 4:

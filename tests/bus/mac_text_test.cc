@@ -5,7 +5,8 @@
 
 #include "bus/mac_text.h"
 
-namespace {
+namespace
+{
 
 std::string hex(const uint8_t b[6])
 {
@@ -20,7 +21,7 @@ TEST(MacTextValid, LengthsAndSeparators)
     EXPECT_EQ(mac_text_valid("AABBCCDDEEFF"), 0);
     EXPECT_EQ(mac_text_valid("aa-bb-cc-dd-ee-ff"), 0);
     EXPECT_EQ(mac_text_valid("AA:BB:CC:DD:EE:FF"), 0);
-    EXPECT_EQ(mac_text_valid("AA:BB-CC:DD-EE:FF"), 0);  // the two may be mixed
+    EXPECT_EQ(mac_text_valid("AA:BB-CC:DD-EE:FF"), 0); // the two may be mixed
     EXPECT_EQ(mac_text_valid(nullptr), -1);
     EXPECT_EQ(mac_text_valid(""), -1);
     EXPECT_EQ(mac_text_valid("aabbccddeef"), -1);
@@ -51,7 +52,7 @@ TEST(MacTextToBytes, BadDigitStopsAndKeepsWhatWasWritten)
     EXPECT_EQ(b[0], 0x11);
     EXPECT_EQ(b[1], 0x22);
     EXPECT_EQ(b[2], 9);
-    EXPECT_EQ(mac_text_to_bytes("11-22", b), -1);  // the end is not a digit
+    EXPECT_EQ(mac_text_to_bytes("11-22", b), -1); // the end is not a digit
 }
 
 TEST(MacBytesToText, UpperCaseDashedForm)
@@ -84,4 +85,4 @@ TEST(Macstr2num, SeparatorAndLooseSecondDigit)
     EXPECT_EQ(macstr2num("aabbc", b, nullptr), -1);
 }
 
-}  // namespace
+} // namespace

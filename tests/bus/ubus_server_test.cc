@@ -31,14 +31,24 @@ extern "C" const char *__lsan_default_suppressions()
     return "leak:event_dispatch\n";
 }
 
-namespace {
+namespace
+{
 
 TEST(MethodTable, ThirteenMethodsInOrderWithTheirPolicies)
 {
-    const char *names[] = {"update",           "get_ARP",           "lan_update",       "get",
-                           "get_hist_list",    "get_hist_list_num", "get_dev_info",     "set_dev_type",
-                           "set_dev_nickname", "delete_offline_device", "remove_client_by_mac",
-                           "update_fing_auth_state", "get_hist_list_new"};
+    const char *names[] = {"update",
+                           "get_ARP",
+                           "lan_update",
+                           "get",
+                           "get_hist_list",
+                           "get_hist_list_num",
+                           "get_dev_info",
+                           "set_dev_type",
+                           "set_dev_nickname",
+                           "delete_offline_device",
+                           "remove_client_by_mac",
+                           "update_fing_auth_state",
+                           "get_hist_list_new"};
     const int n_policy[] = {4, 0, 0, 6, 1, 1, 2, 2, 2, 1, 1, 1, 10};
     ASSERT_EQ(lanroster_object.n_methods, LANROSTER_METHOD_COUNT);
     for (int i = 0; i < LANROSTER_METHOD_COUNT; ++i) {
@@ -51,8 +61,10 @@ TEST(MethodTable, ThirteenMethodsInOrderWithTheirPolicies)
     EXPECT_EQ(lanroster_methods[12].handler, get_hist_list_new);
     EXPECT_STREQ(lanroster_methods[0].policy[3].name, "report_neigh");
     EXPECT_EQ(lanroster_methods[0].policy[3].type, BLOBMSG_TYPE_STRING);
-    const char *keys[] = {"online_type", "v6",     "access_limit", "speed_limit",          "qos",
-                          "tfstats",     "wireless", "qos_schedule", "high_bandwidth_occupancy", "lanroster_file"};
+    const char *keys[] = {"online_type",   "v6",           "access_limit",
+                          "speed_limit",   "qos",          "tfstats",
+                          "wireless",      "qos_schedule", "high_bandwidth_occupancy",
+                          "lanroster_file"};
     for (int i = 0; i < 10; ++i) {
         EXPECT_STREQ(lanroster_methods[12].policy[i].name, keys[i]);
         EXPECT_EQ(lanroster_methods[12].policy[i].type, BLOBMSG_TYPE_INT32);
@@ -105,8 +117,15 @@ TEST(Init, TakenNameFailsAndLeavesNothingBehind)
     ubus_context *other = ubus_connect(ubusd.path());
     ASSERT_NE(other, nullptr);
     static ubus_object_type squat_type = {.name = "squat", .id = 0, .methods = nullptr, .n_methods = 0};
-    ubus_object squat = {.avl = {}, .name = "mac_oui", .id = 0, .path = nullptr, .type = &squat_type,
-                         .subscribe_cb = nullptr, .has_subscribers = false, .methods = nullptr, .n_methods = 0};
+    ubus_object squat = {.avl = {},
+                         .name = "mac_oui",
+                         .id = 0,
+                         .path = nullptr,
+                         .type = &squat_type,
+                         .subscribe_cb = nullptr,
+                         .has_subscribers = false,
+                         .methods = nullptr,
+                         .n_methods = 0};
     ASSERT_EQ(ubus_add_object(other, &squat), 0);
     ubus_socket_path = ubusd.path();
     EXPECT_EQ(lanroster_ubus_init(), -1);
@@ -127,8 +146,9 @@ int count_compare(client_table_entry *) noexcept
     return 0;
 }
 
-class Update : public ::testing::Test {
-protected:
+class Update : public ::testing::Test
+{
+  protected:
     void SetUp() override
     {
         compare_runs = 0;
@@ -144,7 +164,10 @@ protected:
         client_table.head = nullptr;
         std::memset(arp_item, 0, sizeof(arp_item));
     }
-    bus_test::call_result update(const char *json) { return bus_.call("lanroster", "update", json); }
+    bus_test::call_result update(const char *json)
+    {
+        return bus_.call("lanroster", "update", json);
+    }
 
     int (*saved_compare_)(client_table_entry *) noexcept = nullptr;
     client_table_entry entry_{};
@@ -183,7 +206,7 @@ TEST_F(Update, PrintNeighZeroCountsAsNotAsked)
 TEST_F(Update, PrintNeighListsTheRememberedNeighbours)
 {
     const uint8_t mac[6] = {0xAA, 0xBB, 0xCC, 0x01, 0x02, 0x03};
-    set_arp_row(htonl(0xC0A80109), mac);  // 192.168.1.9
+    set_arp_row(htonl(0xC0A80109), mac); // 192.168.1.9
     arp_row(htonl(0xC0A80109)).active = 0;
     set_arp_row(htonl(0xC0A80102), mac);
     auto r = update("{\"print_neigh\": 1}");
@@ -193,7 +216,7 @@ TEST_F(Update, PrintNeighListsTheRememberedNeighbours)
     for (size_t at; (at = json.find("\"\":")) != std::string::npos;)
         json.erase(at, 3);
     EXPECT_EQ(json, "{{\"mac\":\"aa-bb-cc-01-02-03\",\"ip\":\"192.168.1.2\",\"active\":\"1\"},"
-                            "{\"mac\":\"aa-bb-cc-01-02-03\",\"ip\":\"192.168.1.9\",\"active\":\"0\"}}");
+                    "{\"mac\":\"aa-bb-cc-01-02-03\",\"ip\":\"192.168.1.9\",\"active\":\"0\"}}");
     EXPECT_EQ(compare_runs, 0);
 }
 
@@ -247,9 +270,13 @@ TEST_F(Update, WrongTypeIsAbsentAndAnInvalidMessageDoesNothing)
 
 // --- req of mac_oui ---------------------------------------------------------
 
-class MacOuiReq : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(bus_.ok()); }
+class MacOuiReq : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(bus_.ok());
+    }
     std::string req(const char *json)
     {
         auto r = bus_.call("mac_oui", "req", json);
@@ -312,9 +339,9 @@ TEST(PendingMethods, NoReplyAndStatusZero)
 {
     BusFixture bus;
     ASSERT_TRUE(bus.ok());
-    for (const char *m : {"get_ARP", "get", "get_hist_list", "get_hist_list_num", "get_dev_info", "set_dev_type",
-                          "set_dev_nickname", "delete_offline_device", "remove_client_by_mac",
-                          "update_fing_auth_state"}) {
+    for (const char *m :
+         {"get_ARP", "get", "get_hist_list", "get_hist_list_num", "get_dev_info", "set_dev_type",
+          "set_dev_nickname", "delete_offline_device", "remove_client_by_mac", "update_fing_auth_state"}) {
         auto r = bus.call("lanroster", m, "{\"request_type\": 0}");
         EXPECT_EQ(r.status, 0) << m;
         EXPECT_TRUE(r.replies.empty()) << m;
@@ -325,8 +352,9 @@ TEST(PendingMethods, NoReplyAndStatusZero)
 
 // The console as a pipe, so every line stays (the log opens it with
 // truncation for each line), and a pool of one worker.
-class Events : public ::testing::Test {
-protected:
+class Events : public ::testing::Test
+{
+  protected:
     void SetUp() override
     {
         ASSERT_EQ(pipe2(pipe_, O_CLOEXEC), 0);
@@ -458,7 +486,7 @@ TEST(EventDispatch, CopiesHeaderAndPayload)
     // Direct call, no bus: the copy a task gets is the whole attribute.
     threadpool pool_record{};
     threadpool *pool = &pool_record;
-    ASSERT_EQ(threadpool_init(pool, 1), 0);  // no workers: the task waits in the queue
+    ASSERT_EQ(threadpool_init(pool, 1), 0); // no workers: the task waits in the queue
     thread_pool = pool;
     blob_buf b = {};
     blob_buf_init(&b, 0);
@@ -476,4 +504,4 @@ TEST(EventDispatch, CopiesHeaderAndPayload)
     std::free(pool->task_queue.head);
 }
 
-}  // namespace
+} // namespace

@@ -6,7 +6,8 @@
 #include "core/openwrt.h"
 #include "db/lookups.h"
 
-namespace {
+namespace
+{
 
 struct fake_library {
     int loads = 0;
@@ -17,8 +18,15 @@ struct fake_library {
 fake_library lib;
 
 const mac_oui_ops fake_ops = {
-    [] { ++lib.loads; lib.loaded = !lib.fail_load; return lib.fail_load ? -1 : 0; },
-    [] { ++lib.releases; lib.loaded = false; },
+    [] {
+        ++lib.loads;
+        lib.loaded = !lib.fail_load;
+        return lib.fail_load ? -1 : 0;
+    },
+    [] {
+        ++lib.releases;
+        lib.loaded = false;
+    },
     [] { return lib.loaded ? 1 : 0; },
     [](const uint8_t mac[6], char *vendor, size_t size) {
         if (!lib.loaded || mac[0] != 0x00)
@@ -28,8 +36,9 @@ const mac_oui_ops fake_ops = {
     },
 };
 
-class MacOuiDict : public ::testing::Test {
-protected:
+class MacOuiDict : public ::testing::Test
+{
+  protected:
     void SetUp() override
     {
         uloop_init();
@@ -112,4 +121,4 @@ TEST(MacOuiDictReal, RealLibraryBehindTheDictionary)
     uloop_done();
 }
 
-}  // namespace
+} // namespace

@@ -10,7 +10,8 @@
 
 #include "db/mac_oui_lib.h"
 
-namespace {
+namespace
+{
 
 std::string vendor_of(std::initializer_list<uint8_t> bytes)
 {
@@ -22,8 +23,9 @@ std::string vendor_of(std::initializer_list<uint8_t> bytes)
     return out;
 }
 
-class MacOuiLib : public ::testing::Test {
-protected:
+class MacOuiLib : public ::testing::Test
+{
+  protected:
     void TearDown() override
     {
         release_mac_oui_database();
@@ -106,4 +108,4 @@ TEST(MacOuiCheck, AcceptsTheThreeFormsOnly)
     EXPECT_EQ(mac_oui_check_mac("00:00:0c:12:34:567"), 0);
 }
 
-}  // namespace
+} // namespace
