@@ -1,8 +1,14 @@
-// The daemon's connection to the bus. The objects, methods and the event
-// listener are not in yet; this is the connection step only.
+// The daemon's face on the bus: the connection, the objects `lanroster` and
+// `mac_oui`, the listener of the events "lanroster.*", and what every bus
+// handler shares: the reply buffer and the typed reply helpers.
+//
+// Every method runs on the uloop thread from start to end, so reply_buf,
+// ubus_ctx and update_timer need no lock and no worker may touch them.
 #pragma once
 
-struct ubus_context;
+#include <cstdint>
+
+#include "core/openwrt.h"
 
 // The server connection; null before lanroster_ubus_init and after
 // lanroster_ubus_deinit.
@@ -10,12 +16,62 @@ extern ubus_context *ubus_ctx;
 
 inline constexpr char UBUS_SOCKET_PATH[] = "/var/run/ubus.sock";
 
-// Connects to the bus and adds the connection to the loop: 0, or -1 when the
-// bus can't be used. Call after uloop_init.
-int lanroster_ubus_init() noexcept;
-// Frees the connection and clears ubus_ctx.
-void lanroster_ubus_deinit() noexcept;
-
-// The socket path lanroster_ubus_init connects to; UBUS_SOCKET_PATH in the
+// The socket lanroster_ubus_init connects to; UBUS_SOCKET_PATH in the
 // daemon, a private one in tests.
 extern const char *ubus_socket_path;
+
+// Connects, publishes both objects, registers the event listener and adds
+// the connection to the loop: 0, or -1 when the bus can't be used. Call
+// after uloop_init. There is no reconnection.
+int lanroster_ubus_init() noexcept;
+// Removes `lanroster`, then `mac_oui`, frees the connection and clears
+// ubus_ctx. The event listener goes with the connection.
+void lanroster_ubus_deinit() noexcept;
+
+// The one buffer every handler composes its reply in; never released, so
+// its allocation is reused from one reply to the next.
+extern blob_buf reply_buf;
+
+// Sends reply_buf as the data of request `req`; ubus_send_reply in the
+// daemon. The fuzz harnesses check the reply instead of sending it.
+extern int (*reply_sender)(ubus_context *ctx, ubus_request_data *req, blob_attr *msg);
+int send_reply_buf(ubus_context *ctx, ubus_request_data *req) noexcept;
+
+// A table with an empty name, at the root of a reply or inside an array;
+// the cookie goes to blob_nest_end.
+void *reply_open_table() noexcept;
+// A blobmsg INT32 field; a negative value goes out as its 32-bit pattern.
+void reply_add_u32(const char *key, int64_t value) noexcept;
+// A blobmsg STRING field, terminator included.
+void reply_add_string(const char *key, const char *text) noexcept;
+
+// The objects and their method tables, in their order.
+extern ubus_object lanroster_object;
+extern ubus_object mac_oui_object;
+extern ubus_object_type lanroster_type;
+extern ubus_object_type mac_oui_type;
+extern const ubus_method lanroster_methods[];
+extern const ubus_method mac_oui_methods[];
+inline constexpr int LANROSTER_METHOD_COUNT = 13;
+
+// The listener of "lanroster.*".
+extern ubus_event_handler event_listener;
+inline constexpr char EVENT_PREFIX[] = "lanroster.";
+inline constexpr char EVENT_PATTERN[] = "lanroster.*";
+
+// Event names behind the prefix and the task each one posts; compared in
+// table order, the table ends at a row with no name. A row whose task is
+// not in yet is treated as an unknown name.
+struct event_task_row {
+    const char *name;
+    void (*task)(void *message) noexcept;
+};
+extern const event_task_row event_task_table[];
+
+// Called by the bus library on the loop thread: posts a task that owns a
+// copy of the message. An unknown name behind the prefix costs the copy.
+void event_dispatch(ubus_context *ctx, ubus_event_handler *ev, const char *type, blob_attr *msg) noexcept;
+
+// Copies of event messages that were made and never handed to a task, for
+// the diagnostics and the tests.
+extern uint32_t event_copies_abandoned;

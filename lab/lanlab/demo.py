@@ -6,6 +6,7 @@ import time
 
 from . import scenarios, sweep, util
 from .lab import Lab
+from .roster import format_table, roster_rows
 from .sandbox import default_build_dir
 
 def say(text=""):
@@ -120,7 +121,8 @@ def main(build_dir=None):
         d.start()
         if d.bus:
             section("LAN roster, from the daemon (ubus call lanroster get_hist_list_new)")
-            show_roster(d.wait_roster(lambda cl: len(cl) >= 8, 30))
+            d.wait_roster(lambda cl: len(cl) >= 8, 30)
+            say(format_table(roster_rows(d.sb)))
         else:
             show_kernel(lab)
         section("events: \"phone\" leaves (radio off), \"guest-phone\" joins on wl0")
@@ -135,7 +137,8 @@ def main(build_dir=None):
             def changed(cl):
                 by_mac = {c.get("mac"): c for c in cl}
                 return guest in by_mac and not by_mac.get(phone, {}).get("connect_status", 0)
-            show_roster(d.wait_roster(changed, 40))
+            d.wait_roster(changed, 40)
+            say(format_table(roster_rows(d.sb)))
         else:
             show_kernel(lab)
             say("\n\"phone\" is still in the kernel's tables: a station that leaves a radio "

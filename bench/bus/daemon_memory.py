@@ -1,0 +1,92 @@
+#!/usr/bin/python3
+"""Memory of the daemon after start-up: the full pool of 388 records, all of
+them known clients loaded from the history store, the thread pool running,
+the bus face published and one client list served. Prints the daemon's
+private resident memory (RssAnon) and its total resident set (VmRSS).
+
+Run as root from the source tree after scripts/build normal:
+    bench/bus/daemon_memory.py [--build-dir build]
+"""
+import argparse
+import os
+import sys
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+sys.path.insert(0, os.path.join(ROOT, "lab"))
+
+from lanlab import Lab  # noqa: E402
+
+RECORDS = 388
+
+
+def history_package(n):
+    out = []
+    for i in range(n):
+        out.append("config list\n"
+                   f"\toption mac '02000000{i >> 8:02X}{i & 0xff:02X}'\n"
+                   f"\toption hostname 'known-device-{i:03d}'\n"
+                   "\toption type 'Laptop'\n"
+                   f"\toption nickname 'Device {i}'\n"
+                   "\toption access_host '1'\n")
+    return "\n".join(out)
+
+
+def daemon_pid(binary, run_dir):
+    """The daemon's own process: its executable, started for this run."""
+    for pid in os.listdir("/proc"):
+        if not pid.isdigit():
+            continue
+        try:
+            if os.readlink(f"/proc/{pid}/exe") != binary:
+                continue
+            with open(f"/proc/{pid}/environ", "rb") as f:
+                if f"LANROSTER_LAB_RUN={run_dir}".encode() in f.read():
+                    return int(pid)
+        except OSError:
+            pass
+    return None
+
+
+def status_kib(pid, field):
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith(field + ":"):
+                return int(line.split()[1])
+    return -1
+
+
+def report(when, pid):
+    anon = status_kib(pid, "RssAnon")
+    rss = status_kib(pid, "VmRSS")
+    print(f"{when}:")
+    print(f"  RssAnon (private, anonymous): {anon} KiB = {anon / 1024:.2f} MiB (goal < 1 MiB)")
+    print(f"  VmRSS   (total resident):     {rss} KiB = {rss / 1024:.2f} MiB")
+    print(f"  RssFile (shared libraries):   {status_kib(pid, 'RssFile')} KiB")
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--build-dir", default=os.path.join(ROOT, "build"))
+    args = ap.parse_args()
+    build = os.path.abspath(args.build_dir)
+    with Lab() as lab:
+        sb = lab.sandbox(build_dir=build)
+        sb.write_packages({"history_list": history_package(RECORDS)})
+        if not sb.start_ubusd():
+            sys.exit("ubusd is not built")
+        sb.start_daemon()
+        sb.wait_bus_object("lanroster", 30)
+        # A method runs only once the loop runs, that is after the start-up
+        # (pool, history, first pass); this one changes nothing.
+        sb.ubus("call", "lanroster", "update", '{"interval": 14000}')
+        pid = daemon_pid(os.path.realpath(sb.daemon_binary), sb.dir)
+        if pid is None:
+            sys.exit("daemon process not found")
+        report("after start-up", pid)
+        clients = sb.hist_list(v6=1, qos=1, access_limit=1)
+        print(f"known clients listed: {len(clients)} (pool {RECORDS})")
+        report("after one client list (the reply buffer is kept)", pid)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,59 @@
+"""The LAN roster as the daemon tells it over the bus: one row per client of
+"lanroster get_hist_list_new", with the vendor from "mac_oui req".
+
+    from lanlab.roster import print_roster
+    print_roster(sandbox)            # prints the table
+    rows = roster_rows(sandbox)      # or just the rows
+"""
+import time
+
+HEADERS = ["name", "MAC", "vendor", "IP", "port or band", "online since", "status"]
+
+ALL_SECTIONS = {"online_type": 2, "v6": 1, "access_limit": 1, "speed_limit": 1, "qos": 1,
+                "tfstats": 1, "wireless": 1, "qos_schedule": 1, "high_bandwidth_occupancy": 1,
+                "lanroster_file": 0}
+
+
+def vendor_of(sb, mac):
+    try:
+        r = sb.ubus_call("mac_oui", "req", {"mac": mac}) or {}
+    except Exception:  # noqa: BLE001 - a missing vendor is shown as "-"
+        return "-"
+    return r.get("vendor") or "-"
+
+
+def port_or_band(c):
+    kind = c.get("wire_type", "")
+    if kind == "offline":
+        return "-"
+    if kind == "wired":
+        return c.get("ifname") or "wired"
+    return kind  # "2.4G", "5G", "mlo", ...
+
+
+def online_since(c):
+    if not c.get("connect_status") or not c.get("access_time"):
+        return "-"
+    return time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(c["access_time"]))
+
+
+def roster_rows(sb):
+    clients = (sb.ubus_call("lanroster", "get_hist_list_new", ALL_SECTIONS) or {}).get("client_list", [])
+    rows = []
+    for c in clients:
+        rows.append((c.get("hostname") or "-", c.get("mac", ""), vendor_of(sb, c.get("mac", "")),
+                     c.get("ip", ""), port_or_band(c), online_since(c),
+                     "online" if c.get("connect_status") else "offline"))
+    return rows
+
+
+def format_table(rows, headers=HEADERS):
+    widths = [max(len(str(x)) for x in col) for col in zip(headers, *rows)]
+    fmt = "  ".join(f"{{:<{w}}}" for w in widths)
+    lines = [fmt.format(*headers), fmt.format(*("-" * w for w in widths))]
+    lines += [fmt.format(*(str(x) for x in r)) for r in rows]
+    return "\n".join(lines)
+
+
+def print_roster(sb, say=print):
+    say(format_table(roster_rows(sb)))
