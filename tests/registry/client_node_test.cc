@@ -223,6 +223,30 @@ TEST(ClientNode, WithoutGuestsTheTailIsEvictedEvenIfOnline)
     }));
 }
 
+TEST(ClientNode, EvictionDeletesTheSectionOrGoesOnWithoutIt)
+{
+    ASSERT_TRUE(run_in_sandbox([] {
+        fresh_pool();
+        fill_pool([](int) { return STATUS_NEW_ACCESS; }, [](int) { return 2; });
+        uint8_t mac[6];
+        test_mac(mac, 1);
+        ASSERT_EQ(uci_update_cfg_file(find_node_by_mac(mac)), 1);
+        test_mac(mac, 3);
+        ASSERT_EQ(uci_update_cfg_file(find_node_by_mac(mac)), 1);
+        std::string out = capture_stdout([] { ASSERT_NE(delete_oldest_node_from_list(), nullptr); });
+        EXPECT_EQ(out.find("delete uci section failed!"), std::string::npos) << out;
+        EXPECT_EQ(history_macs(), (std::vector<std::string>{hex_mac(3)})) << "the victim's section is gone";
+        // Client 2 has no section: the record is reused all the same.
+        out = capture_stdout([] { ASSERT_NE(delete_oldest_node_from_list(), nullptr); });
+        EXPECT_NE(out.find("| error | delete_oldest_node_from_list | delete uci section failed!\n"),
+                  std::string::npos)
+            << out;
+        test_mac(mac, 2);
+        EXPECT_EQ(mac_in_history(mac), -1);
+        EXPECT_EQ(history_macs(), (std::vector<std::string>{hex_mac(3)}));
+    }));
+}
+
 TEST(ClientNode, AGuestAtTheHeadGoesOnlyWhenNoOtherGuestExists)
 {
     ASSERT_TRUE(run_in_sandbox([] {
