@@ -1,0 +1,154 @@
+"""The demo: a home LAN of a dozen devices with the daemon in it; the LAN
+roster as the daemon tells it over the bus, before and after one device
+leaves and another joins. Shows what exists so far and says what does not."""
+import os
+import time
+
+from . import scenarios, sweep, util
+from .lab import Lab
+from .sandbox import default_build_dir
+
+def say(text=""):
+    print(text, flush=True)
+
+
+def section(title):
+    say(f"\n=== {title} ===")
+
+
+def table(rows, headers):
+    widths = [max(len(str(x)) for x in col) for col in zip(headers, *rows)] if rows else \
+        [len(h) for h in headers]
+    fmt = "  ".join(f"{{:<{w}}}" for w in widths)
+    say(fmt.format(*headers))
+    say(fmt.format(*("-" * w for w in widths)))
+    for r in rows:
+        say(fmt.format(*(str(x) for x in r)))
+
+
+def show_lan(lab):
+    rows = []
+    for c in lab.clients.values():
+        kind = "radio" if c.port.radio else "wired"
+        how = "silent" if c.silent else ("DHCP" if c.dhcp else ("IPv6 only" if not c.ipv4 else "static"))
+        probes = ", ".join(x for x in (c.mdns and f"mDNS {c.mdns}",
+                                       c.netbios and f"NetBIOS {c.netbios}") if x) or "-"
+        rows.append((c.name, c.mac, c.ip or "-", c.ip6 or "-", f"{c.port.name} ({kind})",
+                     c.hostname or "(no name)", probes, how, c.state))
+    table(rows, ["device", "mac", "ipv4", "ipv6", "port", "dhcp name", "answers probes as",
+                 "address", "state"])
+
+
+def show_kernel(lab):
+    section("router: neighbour table (ip neigh, as the daemon's dump sees it)")
+    for addr, mac, state, dev in lab.neighbours():
+        say(f"  {addr:<28} {mac or '-':<18} {state:<10} {dev}")
+    section("router: br-lan forwarding table (brctl showmacs br-lan)")
+    say(lab.showmacs().rstrip())
+    section(f"DHCP leases (dnsmasq, {os.path.basename(lab.lease_file)})")
+    for row in lab.leases():
+        say("  " + "  ".join(row))
+
+
+def show_roster(clients):
+    rows = []
+    for c in clients:
+        rows.append((c.get("hostname", ""), c.get("mac", ""), c.get("ip", ""),
+                     c.get("wire_type", ""), c.get("guest", ""),
+                     "online" if c.get("connect_status") else "offline",
+                     c.get("online_time", ""), c.get("device_type", ""),
+                     c.get("ip6_local", "")))
+    table(rows, ["hostname", "mac", "ip", "link", "network", "status", "online s", "type",
+                 "ipv6 link-local"])
+
+
+class Daemon:
+    """The daemon in the lab, if it is built and on the bus."""
+
+    def __init__(self, lab, build_dir):
+        self.sb = lab.sandbox(build_dir=build_dir)
+        self.binary = os.path.join(build_dir, "lanroster")
+        self.bus = False
+        self.running = False
+
+    def start(self):
+        if not self.sb.start_ubusd():
+            say("ubusd: not built yet (build/platform-bin/ubusd); the daemon needs the bus")
+            return
+        say(f"ubusd: listening on the sandbox's /var/run/ubus.sock ({self.sb.ubus_socket})")
+        if not os.access(self.binary, os.X_OK):
+            say(f"daemon: not built yet ({self.binary} does not exist)")
+            return
+        self.sb.start([self.binary])
+        self.running = True
+        say(f"daemon: started in the router namespace (run directory {self.sb.dir})")
+        try:
+            self.sb.wait_bus_object("lanroster", 30)
+            self.bus = True
+        except util.LabError:
+            if self.sb.proc.poll() is not None:
+                say(f"daemon: exited with status {self.sb.proc.returncode}")
+                self.running = False
+            else:
+                say("daemon: running, but it has no bus face yet (no object \"lanroster\")")
+
+    def wait_roster(self, pred, timeout):
+        deadline = time.monotonic() + timeout
+        clients = []
+        while time.monotonic() < deadline:
+            try:
+                clients = self.sb.hist_list(v6=1)
+            except util.LabError:
+                clients = []
+            if pred(clients):
+                break
+            time.sleep(0.5)
+        return clients
+
+
+def main(build_dir=None):
+    build_dir = build_dir or default_build_dir()
+    t0 = time.monotonic()
+    with Lab() as lab:
+        section("the LAN")
+        say(f"lab {lab.id}: router namespace {lab.router_ns}, bridge br-lan "
+            f"{lab.router_ip}/24 and {lab.router_ip6}/64, dnsmasq serving DHCP")
+        scenarios.home(lab)
+        show_lan(lab)
+        section("the daemon")
+        d = Daemon(lab, build_dir)
+        d.start()
+        if d.bus:
+            section("LAN roster, from the daemon (ubus call lanroster get_hist_list_new)")
+            show_roster(d.wait_roster(lambda cl: len(cl) >= 8, 30))
+        else:
+            show_kernel(lab)
+        section("events: \"phone\" leaves (radio off), \"guest-phone\" joins on wl0")
+        lab.leave("phone")
+        lab.add_clients([scenarios.HOME_JOINER])
+        show_lan(lab)
+        if d.bus:
+            section("LAN roster after the next pass (every 14 s)")
+            phone = lab.clients["phone"].mac.upper().replace(":", "-")
+            guest = lab.clients["guest-phone"].mac.upper().replace(":", "-")
+
+            def changed(cl):
+                by_mac = {c.get("mac"): c for c in cl}
+                return guest in by_mac and not by_mac.get(phone, {}).get("connect_status", 0)
+            show_roster(d.wait_roster(changed, 40))
+        else:
+            show_kernel(lab)
+            say("\n\"phone\" is still in the kernel's tables: a station that leaves a radio "
+                "ages out of them; it is the daemon's ARP probe that finds it gone.")
+            say("The daemon's roster (its bus query) is not there yet: it appears here "
+                "once build/lanroster answers on the bus.")
+        if d.running:
+            say(f"\ndaemon console lines captured: {len(d.sb.console().splitlines())}; "
+                f"platform commands it ran: {sorted({c['cmd'] for c in d.sb.calls()})}")
+        lab_id = lab.id
+    left = sweep.lab_namespaces(lab_id) + \
+        ([lab_id] if os.path.exists(os.path.join(util.BASE_DIR, lab_id)) else [])
+    section("teardown")
+    say("nothing left behind" if not left else f"LEFT BEHIND: {left}")
+    say(f"demo took {time.monotonic() - t0:.1f} s")
+    return 1 if left else 0

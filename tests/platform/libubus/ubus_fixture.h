@@ -1,0 +1,125 @@
+// Test helpers: a private ubusd per test, and a thread that serves a bus
+// connection without uloop (uloop belongs to the main thread).
+#pragma once
+
+// The libubox headers have no extern "C" of their own.
+extern "C" {
+#include <libubox/blobmsg_json.h>
+#include <libubox/uloop.h>
+#include <libubus.h>
+}
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace ubus_test {
+
+// Starts build/platform-bin/ubusd on a socket in a fresh directory and
+// waits for its readiness byte, so no test sleeps for start-up.
+class Ubusd {
+public:
+	Ubusd()
+	{
+		char tmpl[] = "/tmp/ubus-test-XXXXXX";
+		dir_ = mkdtemp(tmpl);
+		path_ = dir_ + "/ubus.sock";
+		int fds[2];
+		if (pipe(fds) != 0)
+			std::abort();
+		pid_ = fork();
+		if (pid_ == 0) {
+			close(fds[0]);
+			std::string bin = std::string(LR_BINARY_DIR) + "/platform-bin/ubusd";
+			std::string fd = std::to_string(fds[1]);
+			execl(bin.c_str(), "ubusd", "-s", path_.c_str(), "-R", fd.c_str(), (char *)nullptr);
+			_exit(127);
+		}
+		close(fds[1]);
+		pollfd p{fds[0], POLLIN, 0};
+		char c = 0;
+		bool ok = poll(&p, 1, 10000) == 1 && read(fds[0], &c, 1) == 1;
+		close(fds[0]);
+		if (!ok)
+			ADD_FAILURE() << "ubusd did not start";
+	}
+	~Ubusd()
+	{
+		stop();
+		unlink(path_.c_str());
+		rmdir(dir_.c_str());
+	}
+	void stop()
+	{
+		if (pid_ > 0) {
+			kill(pid_, SIGTERM);
+			waitpid(pid_, nullptr, 0);
+			pid_ = -1;
+		}
+	}
+	const char *path() const { return path_.c_str(); }
+
+private:
+	std::string dir_, path_;
+	pid_t pid_ = -1;
+};
+
+// Serves one context on its own thread with ubus_handle_event.
+class Server {
+public:
+	explicit Server(ubus_context *ctx) : ctx_(ctx), wake_(eventfd(0, EFD_CLOEXEC)) {}
+	~Server()
+	{
+		stop();
+		close(wake_);
+	}
+	void start(std::function<void()> idle = {})
+	{
+		idle_ = std::move(idle);
+		thread_ = std::thread([this] { loop(); });
+	}
+	void stop()
+	{
+		if (!thread_.joinable())
+			return;
+		stop_ = true;
+		uint64_t one = 1;
+		if (write(wake_, &one, sizeof(one)) < 0)
+			std::abort();
+		thread_.join();
+	}
+
+private:
+	void loop()
+	{
+		while (!stop_) {
+			pollfd p[2] = {{ctx_->sock.fd, POLLIN, 0}, {wake_, POLLIN, 0}};
+			if (poll(p, 2, 20) < 0)
+				break;
+			if (p[0].revents)
+				ubus_handle_event(ctx_);
+			if (idle_)
+				idle_();
+			if (p[0].revents & (POLLHUP | POLLERR))
+				break;
+		}
+	}
+	ubus_context *ctx_;
+	int wake_;
+	std::atomic<bool> stop_{false};
+	std::function<void()> idle_;
+	std::thread thread_;
+};
+
+}  // namespace ubus_test

@@ -1,0 +1,169 @@
+// Golden tests of the file formats: what the reader accepts and exactly
+// what the writer produces. The expected texts are written by hand.
+#include "uci_test_util.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+using namespace uci_test;
+
+namespace {
+
+std::string golden(const char *name)
+{
+    return read_file(std::string(LR_SOURCE_DIR) + "/tests/platform/libuci/golden/" + name);
+}
+
+int import_status(const std::string &text, std::string *error = nullptr)
+{
+    uci_context *ctx = uci_alloc_context();
+    FILE *in = ::fmemopen(const_cast<char *>(text.data()), text.size(), "r");
+    uci_package *p = nullptr;
+    int rc = uci_import(ctx, in, "p", &p, true);
+    if (error) {
+        char *s = nullptr;
+        uci_get_errorstr(ctx, &s, nullptr);
+        *error = s ? s : "";
+        std::free(s);
+    }
+    std::fclose(in);
+    uci_free_context(ctx);
+    return rc;
+}
+
+}  // namespace
+
+TEST(UciFormat, ExportOfMessyFileIsTheCanonicalForm)
+{
+    temp_dir dir;
+    write_file(dir / "conf/messy", golden("messy.conf"));
+    auto r = run_uci({"-c", dir / "conf", "-t", dir / "save", "export", "messy"});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, golden("messy.export"));
+    auto s = run_uci({"-c", dir / "conf", "-t", dir / "save", "show", "messy"});
+    EXPECT_EQ(s.out, golden("messy.show"));
+}
+
+TEST(UciFormat, CommitWritesTheDocumentedLayout)
+{
+    temp_dir dir;
+    write_file(dir / "conf/test", "config system main\n option hostname router\n list ntp b.example\n"
+                                  "config host\n option mac 00:11:22:33:44:55\n");
+    context ctx(dir);
+    ASSERT_EQ(set_and_commit(ctx, "test.main.zone=UTC"), UCI_OK);
+    EXPECT_EQ(read_file(dir / "conf/test"),
+              "\n"
+              "config system 'main'\n"
+              "\toption hostname 'router'\n"
+              "\tlist ntp 'b.example'\n"
+              "\toption zone 'UTC'\n"
+              "\n"
+              "config host\n"
+              "\toption mac '00:11:22:33:44:55'\n"
+              "\n");
+}
+
+TEST(UciFormat, EmptyPackageIsOneEmptyLine)
+{
+    EXPECT_EQ(normalise(""), "\n");
+    EXPECT_EQ(normalise("# only a comment\n\n"), "\n");
+}
+
+TEST(UciFormat, ChangeFileReplaysToTheDocumentedResult)
+{
+    temp_dir dir;
+    write_file(dir / "conf/test", golden("changes.base"));
+    write_file(dir / "save/test", golden("changes.delta"));
+    auto c = run_uci({"-c", dir / "conf", "-t", dir / "save", "changes", "test"});
+    EXPECT_EQ(c.code, 0);
+    EXPECT_EQ(c.out, golden("changes.out"));
+    auto r = run_uci({"-c", dir / "conf", "-t", dir / "save", "commit", "test"});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(read_file(dir / "conf/test"), golden("changes.result"));
+    EXPECT_EQ(read_file(dir / "save/test"), "");
+}
+
+TEST(UciFormat, CliChangesProduceTheDocumentedChangeFile)
+{
+    temp_dir dir;
+    write_file(dir / "conf/test", golden("changes.base"));
+    const std::vector<std::vector<std::string>> steps = {
+        {"add", "test", "host"},
+        {"set", "test.cfg04fe63.mac=11:22:33:44:55:66"},
+        {"set", "test.@host[-1].name=it's"},
+        {"set", "test.newsec=client"},
+        {"add_list", "test.main.ntp=c.example"},
+        {"del_list", "test.main.ntp=a.example"},
+        {"delete", "test.@host[0].name"},
+        {"rename", "test.newsec=renamed"},
+        {"reorder", "test.renamed=0"},
+        {"delete", "test.cfg03fe63"},
+    };
+    for (const auto &step : steps) {
+        std::vector<std::string> args = {"-c", dir / "conf", "-t", dir / "save"};
+        args.insert(args.end(), step.begin(), step.end());
+        auto r = run_uci(args);
+        ASSERT_EQ(r.code, 0) << step[0] << ": " << r.err;
+    }
+    EXPECT_EQ(read_file(dir / "save/test"), golden("changes.delta"));
+}
+
+TEST(UciFormat, QuotingRules)
+{
+    EXPECT_EQ(normalise("config a x\n option v 'it'\\''s'\n"), "\nconfig a 'x'\n\toption v 'it'\\''s'\n\n");
+    EXPECT_EQ(normalise("config a x\n option v \"\\n\\t\\\\\"\n"), "\nconfig a 'x'\n\toption v 'nt\\'\n\n");
+    EXPECT_EQ(normalise("config a x\n option v un\\ quoted\n"), "\nconfig a 'x'\n\toption v 'un quoted'\n\n");
+    EXPECT_EQ(normalise("config a x\n option v 'a#b' # c\n"), "\nconfig a 'x'\n\toption v 'a#b'\n\n");
+}
+
+TEST(UciFormat, EmptyOptionIsNotCreatedAndKeepsTheEarlierValue)
+{
+    EXPECT_EQ(normalise("config a x\n option v 1\n option v ''\n option w\n"), "\nconfig a 'x'\n\toption v '1'\n\n");
+}
+
+TEST(UciFormat, ListAfterOptionMakesItTheFirstItem)
+{
+    EXPECT_EQ(normalise("config a x\n option v 1\n list v 2\n"),
+              "\nconfig a 'x'\n\tlist v '1'\n\tlist v '2'\n\n");
+}
+
+TEST(UciFormat, AnonymousNamesWhileParsing)
+{
+    temp_dir dir;
+    write_file(dir / "conf/test", "config system main\nconfig host\nconfig host\n");
+    auto r = run_uci({"-c", dir / "conf", "-t", dir / "save", "-X", "show", "test"});
+    EXPECT_EQ(r.out, "test.main=system\ntest.cfg02fe63=host\ntest.cfg03fe63=host\n");
+}
+
+TEST(UciFormat, ParseErrors)
+{
+    std::string err;
+    EXPECT_EQ(import_status("config a x\nbogus\n", &err), UCI_ERR_PARSE);
+    EXPECT_EQ(err, "Parse error (invalid command) at line 2, byte 0");
+    EXPECT_EQ(import_status("config a x\n option v 'open\n"), UCI_ERR_PARSE);
+    EXPECT_EQ(import_status("config a x\n option v \"open\n"), UCI_ERR_PARSE);
+    EXPECT_EQ(import_status("option v 1\n"), UCI_ERR_PARSE);
+    EXPECT_EQ(import_status("config a x\n option v 1 2\n", &err), UCI_ERR_PARSE);
+    EXPECT_EQ(err, "Parse error (too many arguments) at line 2, byte 1");
+    EXPECT_EQ(import_status("config a bad-name\n"), UCI_ERR_PARSE);
+    EXPECT_EQ(import_status("config a x\n option bad-opt 1\n"), UCI_ERR_PARSE);
+    EXPECT_EQ(import_status("config a x\nconfig b x\n"), UCI_ERR_PARSE);
+    EXPECT_EQ(import_status("config a x\n option v 'a\001b'\n"), UCI_ERR_PARSE);
+    EXPECT_EQ(import_status("config a x\nconfig a x\n"), UCI_OK);
+}
+
+TEST(UciFormat, OddTypesStayReadable)
+{
+    std::string once = normalise("config 'a#b' x\n");
+    EXPECT_EQ(once, "\nconfig 'a#b' 'x'\n\n");
+    EXPECT_EQ(normalise(once), once);
+}
+
+TEST(UciFormat, ExportNameFlagNamesAnonymousSections)
+{
+    temp_dir dir;
+    write_file(dir / "conf/test", "config host\n option mac 1\n");
+    auto r = run_uci({"-c", dir / "conf", "-t", dir / "save", "-n", "export", "test"});
+    EXPECT_EQ(r.out, "package test\n\nconfig host 'cfg01fe63'\n\toption mac '1'\n\n");
+}
