@@ -248,6 +248,7 @@ const char *ubus_strerror(int error)
 
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
 {
+	ubus_impl::SyncScope scope(ctx);
 	Impl *im = impl(ctx);
 	for (auto &[id, o] : im->objects)
 		if (o == obj)
@@ -269,6 +270,7 @@ int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj)
 
 int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj)
 {
+	ubus_impl::SyncScope scope(ctx);
 	Impl *im = impl(ctx);
 	im->builder.begin(kRemoveObject, 0, 0);
 	im->builder.put_u32(kAttrObjId, obj->id);
@@ -288,12 +290,14 @@ int ubus_remove_object(struct ubus_context *ctx, struct ubus_object *obj)
 
 int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv)
 {
+	ubus_impl::SyncScope scope(ctx);
 	LookupCall call{cb, priv, nullptr};
 	return run_lookup(ctx, path, &call);
 }
 
 int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id)
 {
+	ubus_impl::SyncScope scope(ctx);
 	if (!path || !id)
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	uint32_t found = 0;
@@ -326,6 +330,7 @@ int ubus_invoke_async_fd(struct ubus_context *ctx, uint32_t obj, const char *met
 int ubus_invoke_fd(struct ubus_context *ctx, uint32_t obj, const char *method,
 		   struct blob_attr *msg, ubus_data_handler_t cb, void *priv, int timeout, int fd)
 {
+	ubus_impl::SyncScope scope(ctx);
 	ubus_request req;
 	if (int ret = ubus_invoke_async_fd(ctx, obj, method, msg, &req, fd))
 		return ret;
@@ -336,6 +341,7 @@ int ubus_invoke_fd(struct ubus_context *ctx, uint32_t obj, const char *method,
 
 int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, int timeout)
 {
+	ubus_impl::SyncScope scope(ctx);
 	return ubus_impl::wait_request(ctx, req, timeout);
 }
 
@@ -375,6 +381,7 @@ void ubus_complete_deferred_request(struct ubus_context *ctx, struct ubus_reques
 
 int ubus_send_event(struct ubus_context *ctx, const char *id, struct blob_attr *data)
 {
+	ubus_impl::SyncScope scope(ctx);
 	if (!id)
 		return UBUS_STATUS_INVALID_ARGUMENT;
 	Builder &b = impl(ctx)->builder;
@@ -395,6 +402,7 @@ int ubus_send_event(struct ubus_context *ctx, const char *id, struct blob_attr *
 int ubus_register_event_handler(struct ubus_context *ctx, struct ubus_event_handler *ev,
 				const char *pattern)
 {
+	ubus_impl::SyncScope scope(ctx);
 	ubus_object *obj = &ev->obj;
 	if (!obj->id) {
 		if (!!obj->name != !!obj->type)

@@ -55,7 +55,21 @@ void close_connection(ubus_context *ctx);
 int send_frame(ubus_context *ctx, std::span<const uint8_t> frame);
 // Sends a request frame built in impl->builder and registers `req`.
 int start_request(ubus_context *ctx, ubus_request *req, uint32_t peer);
-// Waits for the status of `req`; 0 waits without limit.
+// Held by every public function that waits for the daemon: while one is
+// active, incoming calls and events are queued, not dispatched.
+class SyncScope {
+public:
+	explicit SyncScope(ubus_context *ctx);
+	~SyncScope();
+	SyncScope(const SyncScope &) = delete;
+	SyncScope &operator=(const SyncScope &) = delete;
+
+private:
+	ubus_context *ctx_;
+};
+
+// Waits for the status of `req`; 0 waits without limit. Call it within a
+// SyncScope.
 int wait_request(ubus_context *ctx, ubus_request *req, int timeout);
 // Payload bytes of a root blob given by the program (nullptr: none).
 std::span<const uint8_t> blob_payload(const blob_attr *msg);

@@ -94,10 +94,10 @@ void connection_lost(ubus_context *ctx)
 	if (im->dead)
 		return;
 	im->dead = true;
-	if (ctx->sock.registered)
+	if (ctx->sock.registered) {
 		im->attached = true;
-	if (ctx->sock.registered)
 		uloop_fd_delete(&ctx->sock);
+	}
 	fail_requests(ctx);
 	if (ctx->connection_lost)
 		ctx->connection_lost(ctx);
@@ -341,7 +341,6 @@ int wait_request(ubus_context *ctx, ubus_request *req, int timeout)
 {
 	Impl *im = impl(ctx);
 	int64_t deadline = timeout > 0 ? now_ms() + timeout : 0;
-	ctx->stack_depth++;
 	take_input_sync(ctx);
 	while (!req->status_msg) {
 		int wait = -1;
@@ -360,14 +359,24 @@ int wait_request(ubus_context *ctx, ubus_request *req, int timeout)
 			req->status_msg = true;
 		}
 	}
-	ctx->stack_depth--;
-	if (ctx->stack_depth == 0 && !im->queued.empty()) {
-		if (ctx->sock.registered)
-			uloop_timeout_set(&ctx->pending_timer, 1);
-		else
-			dispatch_queued(ctx);
-	}
 	return req->status_code;
+}
+
+SyncScope::SyncScope(ubus_context *ctx) : ctx_(ctx)
+{
+	ctx_->stack_depth++;
+}
+
+SyncScope::~SyncScope()
+{
+	// Calls and events that came in meanwhile run once the outermost
+	// synchronous function has finished its own bookkeeping.
+	if (--ctx_->stack_depth > 0 || !impl(ctx_) || impl(ctx_)->queued.empty())
+		return;
+	if (ctx_->sock.registered)
+		uloop_timeout_set(&ctx_->pending_timer, 1);
+	else
+		dispatch_queued(ctx_);
 }
 
 void sock_cb(uloop_fd *u, unsigned int events)
@@ -383,8 +392,10 @@ void sock_cb(uloop_fd *u, unsigned int events)
 		connection_lost(ctx);
 	dispatch_queued(ctx);
 	// A bounded amount per call keeps other descriptors of the loop served;
-	// the level-triggered socket brings us back for the rest.
-	for (int round = 0; round < 4 && !im->dead; round++) {
+	// the level-triggered socket brings us back for the rest. After a
+	// hang-up uloop has dropped the socket, so read all that is left.
+	bool hung_up = ctx->sock.eof || ctx->sock.error;
+	for (int round = 0; (hung_up || round < 4) && !im->dead; round++) {
 		ssize_t r = read_some(ctx);
 		std::unique_ptr<InFrame> f;
 		while (!im->dead && next_frame(ctx, f)) {

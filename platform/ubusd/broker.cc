@@ -319,6 +319,9 @@ int Broker::handle_add(Client &cl, const Header &h, const AttrTable &tb)
 		if (path.empty() || paths_.count(path))
 			return kInvalidArgument;
 	}
+	size_t cost = path.size() + (tb[kAttrSignature] ? tb[kAttrSignature].len : 0) + sizeof(Object);
+	if (cl.state_bytes + cost > limits_.max_state_bytes)
+		return kNoMemory;
 	uint32_t type = 0;
 	if (tb[kAttrSignature]) {
 		if (!signature_ok(tb[kAttrSignature].payload()))
@@ -338,6 +341,8 @@ int Broker::handle_add(Client &cl, const Header &h, const AttrTable &tb)
 	o.client = cl.id;
 	o.type = type;
 	o.path = std::move(path);
+	o.charged = cost;
+	cl.state_bytes += cost;
 	if (!o.path.empty())
 		paths_.emplace(o.path, o.id);
 	cl.objects.push_back(o.id);
@@ -378,8 +383,10 @@ void Broker::remove_object(uint32_t id)
 	Object o = std::move(it->second);
 	objects_.erase(it);
 	ids_.erase(id);
-	if (Client *cl = client(o.client))
+	if (Client *cl = client(o.client)) {
 		std::erase(cl->objects, id);
+		cl->state_bytes -= o.charged;
+	}
 	std::erase(listeners_, id);
 	if (o.type) {
 		auto t = types_.find(o.type);
@@ -434,8 +441,11 @@ int Broker::event_register(Client &cl, const AttrTable &tb)
 	Object &o = it->second;
 	if (std::find(o.patterns.begin(), o.patterns.end(), pattern) != o.patterns.end())
 		return kOk;
-	if (o.patterns.size() >= limits_.max_patterns_per_object)
+	if (o.patterns.size() >= limits_.max_patterns_per_object ||
+	    cl.state_bytes + pattern.size() > limits_.max_state_bytes)
 		return kNoMemory;
+	cl.state_bytes += pattern.size();
+	o.charged += pattern.size();
 	if (o.patterns.empty())
 		listeners_.push_back(o.id);
 	o.patterns.emplace_back(pattern);

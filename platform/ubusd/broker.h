@@ -29,6 +29,7 @@ struct Limits {
 	size_t max_objects_per_client = 4096;
 	size_t max_patterns_per_object = 256;
 	size_t max_pending_per_owner = 1024;  // calls awaiting an answer from one client
+	size_t max_state_bytes = 4u << 20;    // paths, signatures and patterns of one client
 	bool sequential_ids = false;          // 1024, 1025, ... so a fuzzer can name them
 };
 
@@ -40,6 +41,7 @@ struct Client {
 	size_t out_off = 0;                      // bytes of out.front() already written
 	size_t out_bytes = 0;
 	bool doomed = false;                     // to be closed by the transport
+	size_t state_bytes = 0;                  // charged against Limits::max_state_bytes
 	std::vector<uint32_t> objects;
 };
 
@@ -49,6 +51,7 @@ struct Object {
 	uint32_t type = 0;
 	std::string path;  // empty for anonymous objects (event listeners)
 	std::vector<std::string> patterns;
+	size_t charged = 0;  // bytes this object holds in its client's budget
 };
 
 struct Type {

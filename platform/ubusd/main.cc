@@ -41,6 +41,7 @@ struct Server {
 	ubusd::Broker broker;
 	int ep = -1;
 	int listen_fd = -1;
+	int spare_fd = -1;  // kept for refusing connections when out of descriptors
 	std::unordered_map<uint32_t, int> fds;          // client id -> socket
 	std::unordered_map<uint32_t, bool> want_write;  // EPOLLOUT armed
 };
@@ -131,10 +132,26 @@ void settle(Server &s)
 	}
 }
 
+// Out of descriptors, a pending connection would keep the listening socket
+// readable and the loop spinning: give up the spare descriptor, take the
+// connection and close it at once.
+void refuse_one(Server &s)
+{
+	close(s.spare_fd);
+	int fd = accept4(s.listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+	if (fd >= 0)
+		close(fd);
+	s.spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
 void accept_clients(Server &s)
 {
 	for (;;) {
 		int fd = accept4(s.listen_fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+		if (fd < 0 && (errno == EMFILE || errno == ENFILE) && s.spare_fd >= 0) {
+			refuse_one(s);
+			continue;
+		}
 		if (fd < 0)
 			return;
 		ucred cred{};
@@ -264,6 +281,7 @@ int main(int argc, char **argv)
 		return 1;
 	s.ep = ep.get();
 	s.listen_fd = lfd.get();
+	s.spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 	epoll_event ev{};
 	ev.events = EPOLLIN;
 	ev.data.u64 = 0;

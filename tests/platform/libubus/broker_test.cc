@@ -188,3 +188,34 @@ TEST(Broker, DeadOwnerFailsPendingCalls)
 	EXPECT_EQ(status_of(st[0]), kNotFound);
 	EXPECT_EQ(br.object_count(), 0u);
 }
+
+TEST(Broker, StoredStateIsBoundedPerClient)
+{
+	ubusd::Limits lim;
+	lim.max_state_bytes = 64 * 1024;
+	ubusd::Broker br(lim);
+	uint32_t a = br.add_client("u", "g");
+	drain(br, a);
+	uint32_t obj = add_object(br, a, "listener");
+	ASSERT_NE(obj, 0u);
+	std::string pattern(1000, 'p');
+	int last = kOk;
+	for (int i = 0; i < 200 && last == kOk; i++) {
+		pattern[0] = static_cast<char>('a' + i % 26);
+		pattern[1] = static_cast<char>('a' + i / 26);
+		Builder b;
+		b.begin(kInvoke, static_cast<uint16_t>(i), kEventObject);
+		b.put_u32(kAttrObjId, kEventObject);
+		b.put_string(kAttrMethod, "register");
+		size_t d = b.nest_start(kAttrData);
+		b.bm_u32("object", obj);
+		b.bm_string("pattern", pattern);
+		b.nest_end(d);
+		ASSERT_TRUE(br.on_input(a, frame(b)));
+		auto out = drain(br, a);
+		ASSERT_EQ(out.size(), 1u);
+		last = status_of(out[0]);
+	}
+	EXPECT_EQ(last, kNoMemory);
+	EXPECT_LE(br.client(a)->state_bytes, lim.max_state_bytes);
+}

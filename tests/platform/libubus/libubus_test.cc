@@ -3,6 +3,7 @@
 #include "ubus_fixture.h"
 
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <chrono>
 #include <cstring>
@@ -502,4 +503,76 @@ TEST(LibubusConcurrency, ManyCallersWhileObjectComesAndGoes)
 	for (ubus_context *c : callers)
 		ubus_free(c);
 	ubus_free(owner);
+}
+
+TEST(UbusdRobustness, GarbageClosesOnlyThatClient)
+{
+	Ubusd bus;
+	fresh_types();
+	ubus_context *owner = ubus_connect(bus.path());
+	ASSERT_NE(owner, nullptr);
+	ubus_object obj = make_object("survivor", &test_type);
+	ASSERT_EQ(ubus_add_object(owner, &obj), 0);
+	Server server(owner);
+	server.start();
+
+	int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+	sockaddr_un addr{};
+	addr.sun_family = AF_UNIX;
+	std::strncpy(addr.sun_path, bus.path(), sizeof(addr.sun_path) - 1);
+	ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
+	char hello[12];
+	ASSERT_EQ(recv(fd, hello, sizeof(hello), MSG_WAITALL), 12);
+	const char junk[] = "\x07garbage that is no frame";
+	ASSERT_GT(send(fd, junk, sizeof(junk), MSG_NOSIGNAL), 0);
+	char c;
+	EXPECT_EQ(recv(fd, &c, 1, 0), 0);  // the daemon hung up on it
+	close(fd);
+
+	ubus_context *caller = ubus_connect(bus.path());
+	ASSERT_NE(caller, nullptr);
+	blob_buf b{};
+	blob_buf_init(&b, 0);
+	std::vector<std::string> out;
+	EXPECT_EQ(ubus_invoke(caller, obj.id, "echo", b.head, collect, &out, 5000), 0);
+	EXPECT_EQ(out.size(), 1u);
+	blob_buf_free(&b);
+	server.stop();
+	ubus_free(caller);
+	ubus_free(owner);
+}
+
+TEST(LibubusLoop, ReconnectRepublishesObjects)
+{
+	Ubusd bus;
+	fresh_types();
+	ubus_context *ctx = ubus_connect(bus.path());
+	ASSERT_NE(ctx, nullptr);
+	ubus_object obj = make_object("phoenix", &test_type);
+	ASSERT_EQ(ubus_add_object(ctx, &obj), 0);
+	uint32_t first_id = obj.id;
+	static Ubusd *g_bus;
+	static const char *g_path;
+	g_bus = &bus;
+	g_path = bus.path();
+	ctx->connection_lost = [](ubus_context *c) {
+		g_bus->start();
+		EXPECT_EQ(ubus_reconnect(c, g_path), 0);
+		ubus_add_uloop(c);
+		uloop_end();
+	};
+	ubus_add_uloop(ctx);
+	static uloop_timeout kill_timer;
+	kill_timer.cb = [](uloop_timeout *) { g_bus->stop(); };
+	uloop_timeout_set(&kill_timer, 10);
+	uloop_run();
+	ubus_context *other = ubus_connect(bus.path());
+	ASSERT_NE(other, nullptr);
+	uint32_t id = 0;
+	EXPECT_EQ(ubus_lookup_id(other, "phoenix", &id), 0);
+	EXPECT_EQ(id, obj.id);
+	EXPECT_NE(obj.id, first_id);
+	ubus_free(other);
+	ubus_free(ctx);
+	uloop_done();
 }

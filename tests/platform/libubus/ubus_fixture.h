@@ -35,6 +35,11 @@ public:
 		char tmpl[] = "/tmp/ubus-test-XXXXXX";
 		dir_ = mkdtemp(tmpl);
 		path_ = dir_ + "/ubus.sock";
+		start();
+	}
+	// Starts (again) on the same socket path.
+	void start()
+	{
 		int fds[2];
 		if (pipe(fds) != 0)
 			std::abort();
