@@ -5,6 +5,8 @@
 
 #include <uci.h>
 
+#include <unistd.h>
+
 #include <deque>
 #include <optional>
 #include <string>
@@ -98,6 +100,37 @@ std::string delta_line(const uci_package *p, const uci_delta *d);
 std::optional<std::string> read_word(std::string_view text, size_t &pos);
 
 // ---- files (store.cc)
+// Owns one file descriptor; closing it also drops any flock taken on it.
+class unique_fd {
+public:
+    explicit unique_fd(int fd = -1) noexcept : fd_(fd) {}
+    unique_fd(const unique_fd &) = delete;
+    unique_fd &operator=(const unique_fd &) = delete;
+    unique_fd(unique_fd &&o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
+    unique_fd &operator=(unique_fd &&o) noexcept
+    {
+        if (this != &o) {
+            reset();
+            fd_ = o.fd_;
+            o.fd_ = -1;
+        }
+        return *this;
+    }
+    ~unique_fd() { reset(); }
+    void reset() noexcept
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+        fd_ = -1;
+    }
+    int get() const noexcept { return fd_; }
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+
+private:
+    int fd_;
+};
+
+
 int load_package(uci_context *ctx, const char *name, uci_package **out);
 int save_package(uci_context *ctx, uci_package *p);
 int write_file_atomic(const std::string &path, std::string_view content, bool keep_mode);

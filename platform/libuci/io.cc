@@ -31,27 +31,28 @@ bool read_stream(FILE *stream, std::string &out)
 int filter_save_file(uci_context *ctx, const char *pkg, const char *section, const char *option)
 {
     std::string path = join_path(ctx->savedir, pkg);
-    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0)
+    unique_fd fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    if (!fd)
         return errno == ENOENT ? UCI_OK : UCI_ERR_IO;
-    int r = UCI_ERR_IO;
+    if (::flock(fd.get(), LOCK_EX) < 0)
+        return UCI_ERR_IO;
     std::string text;
     char buf[8192];
-    if (::flock(fd, LOCK_EX) == 0) {
-        ssize_t n;
-        off_t off = 0;
-        while ((n = ::pread(fd, buf, sizeof buf, off)) > 0) {
-            text.append(buf, static_cast<size_t>(n));
-            off += n;
-        }
-        std::string kept = filter_delta(text, pkg, section, option);
-        if (n == 0 && (kept.size() == text.size() || (::ftruncate(fd, 0) == 0 &&
-                                                      ::pwrite(fd, kept.data(), kept.size(), 0) ==
-                                                          static_cast<ssize_t>(kept.size()))))
-            r = UCI_OK;
+    ssize_t n;
+    off_t off = 0;
+    while ((n = ::pread(fd.get(), buf, sizeof buf, off)) > 0) {
+        text.append(buf, static_cast<size_t>(n));
+        off += n;
     }
-    ::close(fd);
-    return r;
+    if (n < 0)
+        return UCI_ERR_IO;
+    std::string kept = filter_delta(text, pkg, section, option);
+    if (kept.size() == text.size())
+        return UCI_OK;
+    if (::ftruncate(fd.get(), 0) < 0 ||
+        ::pwrite(fd.get(), kept.data(), kept.size(), 0) != static_cast<ssize_t>(kept.size()))
+        return UCI_ERR_IO;
+    return UCI_OK;
 }
 
 int revert_locked(uci_context *ctx, uci_ptr *ptr)

@@ -246,12 +246,23 @@ const char *config_parser::cmd_config(const std::vector<word> &w)
     const std::string &name = w[2].text;
     if (!valid_name(name))
         return "invalid section name";
-    uci_element *e = find_element(&pkg->sections, name);
-    if (!e) {
+    // A name continues the named section of that name. An anonymous
+    // section that happens to carry the same generated name is not merged
+    // into: that would silently fold two sections of the file into one.
+    uci_section *named = nullptr;
+    uci_element *e;
+    uci_foreach_element(&pkg->sections, e) {
+        uci_section *s = uci_to_section(e);
+        if (!s->anonymous && name == e->name) {
+            named = s;
+            break;
+        }
+    }
+    if (!named) {
         sec = section_new(pkg, type, name.c_str());
         return nullptr;
     }
-    sec = uci_to_section(e);
+    sec = named;
     if (type != sec->type) {
         if (ctx->flags & UCI_FLAG_STRICT)
             return "section of different type overwrites prior section with same name";

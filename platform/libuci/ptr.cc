@@ -108,6 +108,10 @@ fail:
 int lookup_ptr(uci_context *ctx, uci_ptr *ptr, bool extended)
 {
     set_flags(ptr, (ptr->flags | uci_ptr::UCI_LOOKUP_DONE) & ~uci_ptr::UCI_LOOKUP_COMPLETE);
+    if (!ptr->s && ptr->o)
+        ptr->s = ptr->o->section;
+    if (!ptr->p && ptr->s)
+        ptr->p = ptr->s->package;
     if (!ptr->p) {
         if (!ptr->package)
             return UCI_ERR_INVAL;

@@ -20,35 +20,6 @@ using namespace uci_impl;
 
 namespace {
 
-class unique_fd {
-public:
-    explicit unique_fd(int fd = -1) noexcept : fd_(fd) {}
-    unique_fd(const unique_fd &) = delete;
-    unique_fd &operator=(const unique_fd &) = delete;
-    unique_fd(unique_fd &&o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
-    unique_fd &operator=(unique_fd &&o) noexcept
-    {
-        if (this != &o) {
-            reset();
-            fd_ = o.fd_;
-            o.fd_ = -1;
-        }
-        return *this;
-    }
-    ~unique_fd() { reset(); }
-    void reset() noexcept
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-        fd_ = -1;
-    }
-    int get() const noexcept { return fd_; }
-    explicit operator bool() const noexcept { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
-
 bool lock_fd(int fd, int op) noexcept
 {
     while (::flock(fd, op) < 0) {
@@ -131,18 +102,38 @@ int make_dirs(const std::string &dir, mode_t mode) noexcept
 // Reads every change directory in search order onto p. The save
 // directory's file may already be held (and read) by a committer: flock
 // is per open file, so reopening it here would wait on ourselves.
-int replay_all(uci_context *ctx, uci_package *p, const std::string *held_save)
+struct held_file {
+    const std::string *text = nullptr;
+    dev_t dev = 0;
+    ino_t ino = 0;
+};
+
+int replay_all(uci_context *ctx, uci_package *p, const held_file &held)
 {
     int count = 0;
+    bool held_done = false;
     uci_element *e;
     uci_foreach_element(&ctx->delta_path, e) {
-        if (held_save && std::strcmp(e->name, ctx->savedir) == 0) {
-            count += replay_delta(ctx, p, *held_save);
+        bool is_save_dir = std::strcmp(e->name, ctx->savedir) == 0;
+        if (held.text && is_save_dir) {
+            if (!held_done)
+                count += replay_delta(ctx, p, *held.text);
+            held_done = true;
             continue;
         }
         unique_fd fd(::open(join_path(e->name, p->e.name).c_str(), O_RDONLY | O_CLOEXEC));
+        if (!fd)
+            continue;
+        struct stat st;
+        // the same file under another spelling of the directory: already held
+        if (held.text && held.ino && ::fstat(fd.get(), &st) == 0 && st.st_dev == held.dev && st.st_ino == held.ino) {
+            if (!held_done)
+                count += replay_delta(ctx, p, *held.text);
+            held_done = true;
+            continue;
+        }
         std::string text;
-        if (!fd || !lock_fd(fd.get(), LOCK_SH) || !read_fd(fd.get(), text))
+        if (!lock_fd(fd.get(), LOCK_SH) || !read_fd(fd.get(), text))
             continue;
         count += replay_delta(ctx, p, text);
     }
@@ -175,6 +166,23 @@ int write_whole(uci_context *ctx, uci_package *p)
     return r;
 }
 
+// Temp files of commits that were killed before their rename. Callers
+// hold the configuration file's lock, and only its holder writes temp
+// files for it, so any that exist now are left over.
+void remove_stale_temps(const std::string &dir, const std::string &base) noexcept
+{
+    DIR *d = ::opendir(dir.c_str());
+    if (!d)
+        return;
+    std::string prefix = "." + base + ".uci-";
+    while (dirent *de = ::readdir(d)) {
+        std::string_view name(de->d_name);
+        if (name.size() == prefix.size() + 6 && name.substr(0, prefix.size()) == prefix)
+            ::unlinkat(::dirfd(d), de->d_name, 0);
+    }
+    ::closedir(d);
+}
+
 }  // namespace
 
 namespace uci_impl {
@@ -199,6 +207,7 @@ int write_file_atomic(const std::string &path, std::string_view content, bool ke
     }
     size_t slash = target.find_last_of('/');
     std::string dir = slash == std::string::npos ? "." : target.substr(0, slash == 0 ? 1 : slash);
+    remove_stale_temps(dir, base_name(target));
     std::string tmpl = join_path(dir, "." + base_name(target) + ".uci-XXXXXX");
     unique_fd fd(::mkstemp(tmpl.data()));
     if (!fd)
@@ -261,7 +270,7 @@ int load_package(uci_context *ctx, const char *name, uci_package **out)
     // The shared lock stays on while the changes are read, so a commit
     // cannot fold them into the file half-way through this load.
     if (p->has_delta)
-        replay_all(ctx, p, nullptr);
+        replay_all(ctx, p, held_file{});
     list_add_tail(&ctx->root, &p->e.list);
     *out = p;
     return UCI_OK;
@@ -304,6 +313,26 @@ int save_package(uci_context *ctx, uci_package *p)
 
 namespace {
 
+// The package handed back after a commit is the file as written, read
+// again: anonymous sections are then named as every later reader of the
+// file names them, so changes made through it land where they should.
+void adopt_written(uci_context *ctx, uci_package **pp, std::string_view content)
+{
+    uci_package *old = *pp;
+    uci_package *fresh = package_new(ctx, old->e.name);
+    fresh->path = strdup(old->path);
+    fresh->has_delta = old->has_delta;
+    fresh->uses_conf2 = old->uses_conf2;
+    if (!fresh->path || parse_into(ctx, fresh, content) != UCI_OK) {
+        package_free(fresh);
+        set_error(ctx, UCI_OK);
+        return;
+    }
+    list_insert_before(&old->e.list, &fresh->e.list);
+    package_free(old);
+    *pp = fresh;
+}
+
 // Re-reads the file and every change file under the locks and writes the
 // merged result; *pp becomes the fresh package object.
 int commit_locked(uci_context *ctx, uci_package **pp, bool overwrite, int cfd)
@@ -316,9 +345,15 @@ int commit_locked(uci_context *ctx, uci_package **pp, bool overwrite, int cfd)
     }
     std::string save_path = join_path(ctx->savedir, p->e.name);
     unique_fd dfd(::open(save_path.c_str(), O_RDWR | O_CLOEXEC));
-    std::string held;
-    if (dfd && (!lock_fd(dfd.get(), LOCK_EX) || !read_fd(dfd.get(), held)))
+    std::string held_text;
+    held_file held{&held_text};
+    struct stat st;
+    if (dfd && (!lock_fd(dfd.get(), LOCK_EX) || !read_fd(dfd.get(), held_text)))
         return UCI_ERR_IO;
+    if (dfd && ::fstat(dfd.get(), &st) == 0) {
+        held.dev = st.st_dev;
+        held.ino = st.st_ino;
+    }
     uci_package *np = p;
     if (!overwrite) {
         std::string text;
@@ -334,7 +369,7 @@ int commit_locked(uci_context *ctx, uci_package **pp, bool overwrite, int cfd)
             return r;
         }
     }
-    int count = replay_all(ctx, np, &held);
+    int count = replay_all(ctx, np, held);
     if (np != p) {
         package_free(p);
         list_add_tail(&ctx->root, &np->e.list);
@@ -342,12 +377,14 @@ int commit_locked(uci_context *ctx, uci_package **pp, bool overwrite, int cfd)
     }
     if (count == 0)
         return UCI_OK;
-    int r = write_file_atomic(np->path, export_package(ctx, np, false), true);
+    std::string content = export_package(ctx, np, false);
+    int r = write_file_atomic(np->path, content, true);
     if (r != UCI_OK)
         return r;
     delta_list_free(&np->delta);
     if (dfd && ::ftruncate(dfd.get(), 0) < 0)
         return UCI_ERR_IO;
+    adopt_written(ctx, pp, content);
     return UCI_OK;
 }
 

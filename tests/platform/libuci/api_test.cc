@@ -689,3 +689,30 @@ TEST_F(Uci, ParseSectionFillsTheTable)
     uint32_t h1 = uci_hash_options(tb, 3);
     EXPECT_EQ(h1, uci_hash_options(tb, 3));
 }
+
+extern "C" int c_header_check(const char *confdir);
+
+TEST_F(Uci, HeaderWorksFromC)
+{
+    EXPECT_EQ(c_header_check((dir / "conf").c_str()), 1);
+}
+
+TEST_F(Uci, CommitWithTheSaveDirectoryTwiceUnderTwoSpellings)
+{
+    ASSERT_EQ(uci_add_delta_path(ctx, (dir / "save/").c_str()), UCI_OK);
+    ASSERT_EQ(set_and_commit(ctx, "test.main.hostname=gw"), UCI_OK);  // must not wait on itself
+    EXPECT_NE(conf().find("option hostname 'gw'"), std::string::npos);
+    EXPECT_EQ(saved(), "");
+}
+
+TEST_F(Uci, HandFilledPointerMayNameOnlyTheSection)
+{
+    uci_package *p = load();
+    uci_ptr ptr{};
+    ptr.s = uci_lookup_section(ctx, p, "main");
+    ptr.option = "zone";
+    ptr.value = "UTC";
+    ASSERT_EQ(uci_set(ctx, &ptr), UCI_OK);
+    EXPECT_EQ(ptr.p, p);
+    EXPECT_STREQ(uci_lookup_option_string(ctx, ptr.s, "zone"), "UTC");
+}

@@ -167,3 +167,10 @@ TEST(UciFormat, ExportNameFlagNamesAnonymousSections)
     auto r = run_uci({"-c", dir / "conf", "-t", dir / "save", "-n", "export", "test"});
     EXPECT_EQ(r.out, "package test\n\nconfig host 'cfg01fe63'\n\toption mac '1'\n\n");
 }
+
+TEST(UciFormat, NamedSectionIsNotMergedIntoAnAnonymousOfTheSameName)
+{
+    // the second section is anonymous and is generated the name cfg02fe63
+    const std::string text = "\nconfig host\n\nconfig host\n\toption a '1'\n\nconfig host 'cfg02fe63'\n\toption b '2'\n\n";
+    EXPECT_EQ(normalise(text), text);
+}

@@ -9,6 +9,19 @@
 
 namespace uci_test {
 
+// Sanitizer builds run the long loops shorter: same checks, fewer rounds.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool sanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool sanitized = true;
+#else
+constexpr bool sanitized = false;
+#endif
+#else
+constexpr bool sanitized = false;
+#endif
+
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents.
 class temp_dir {
 public:
