@@ -126,6 +126,8 @@ void classify_ipv4_locked(std::span<const uint8_t> dump) noexcept
 namespace
 {
 
+constexpr int ARP_DRAIN_MAX = 256;
+
 int32_t replied(const arp_probe *p)
 {
     return __atomic_load_n(&p->replied, __ATOMIC_RELAXED);
@@ -202,7 +204,9 @@ void receive_frames(int fd)
         return;
     uint8_t frame[ARP_RECV_MAX];
     ssize_t n;
-    while ((n = recv(fd, frame, sizeof(frame), 0)) > 0) {
+    // Bounded, so that a storm of ARP frames can't keep the loop from
+    // looking at the clock.
+    for (int taken = 0; taken < ARP_DRAIN_MAX && (n = recv(fd, frame, sizeof(frame), 0)) > 0; taken++) {
         arp_frame_info info{};
         if (parse_arp_frame(std::span<const uint8_t>(frame, static_cast<size_t>(n)), info) && info.op == 2)
             take_reply(info);
