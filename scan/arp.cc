@@ -144,16 +144,16 @@ int send_on(int fd, const arp_lan_if &lan, uint32_t ip, const uint8_t mac[6])
 
 } // namespace
 
-int send_arp_request(uint32_t ip, const uint8_t mac[6]) noexcept
+int open_arp_send_socket() noexcept
+{
+    // Protocol 0: the socket never sees incoming frames.
+    return socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+}
+
+int send_arp_request(int fd, uint32_t ip, const uint8_t mac[6]) noexcept
 {
     arp_lan_if lan = refresh_lan_if();
-    // Protocol 0: a send-only socket. One opened for ETH_P_ARP would hook
-    // into the receive path, and closing it waits for the kernel to unhook
-    // it, several milliseconds per frame.
-    unique_fd fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
-    if (!fd)
-        return -1;
-    return send_on(fd.get(), lan, ip, mac);
+    return send_on(fd, lan, ip, mac);
 }
 
 int open_arp_socket() noexcept

@@ -38,9 +38,15 @@ int read_lan_if(arp_lan_if &lan) noexcept;
 // The sender's view of the bridge, refreshed on every send.
 arp_lan_if lan_if_snapshot() noexcept;
 
-// Sends one request for (ip, mac) through a raw socket opened and closed for
-// this send, after refreshing the bridge's values. Returns 0 or -1.
-int send_arp_request(uint32_t ip, const uint8_t mac[6]) noexcept;
+// A send-only raw packet socket for the sender's requests, or -1. One socket
+// serves the sender for a whole pass: closing a packet socket waits for the
+// kernel to retire it (milliseconds), which per frame made a pass over 250
+// clients take seconds.
+int open_arp_send_socket() noexcept;
+
+// Sends one request for (ip, mac) on fd after refreshing the bridge's
+// values. Returns 0 or -1.
+int send_arp_request(int fd, uint32_t ip, const uint8_t mac[6]) noexcept;
 
 // Opens the raw socket that receives ARP frames, or -1.
 int open_arp_socket() noexcept;

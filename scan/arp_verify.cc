@@ -137,6 +137,9 @@ int32_t replied(const arp_probe *p)
 // not answered yet; a failed send is tried once more at once.
 void *arp_sender(void *) noexcept
 {
+    unique_fd fd(scan_backend.open_send_socket());
+    if (!fd)
+        return nullptr;
     for (int round = 0; round < 2; round++) {
         for (const arp_probe *p = arp_probe_list; p; p = p->next) {
             if (replied(p))
@@ -144,8 +147,8 @@ void *arp_sender(void *) noexcept
             uint32_t ip = 0;
             if (inet_pton(AF_INET, p->ip_text, &ip) != 1)
                 continue;
-            if (scan_backend.send_arp(ip, p->mac) < 0)
-                scan_backend.send_arp(ip, p->mac);
+            if (scan_backend.send_arp(fd.get(), ip, p->mac) < 0)
+                scan_backend.send_arp(fd.get(), ip, p->mac);
         }
     }
     return nullptr;

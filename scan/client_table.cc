@@ -22,6 +22,7 @@ const scan_ops scan_backend_default = {
     .dump = dump_neighbours,
     .station_is_active = station_is_active,
     .open_arp_socket = open_arp_socket,
+    .open_send_socket = open_arp_send_socket,
     .send_arp = send_arp_request,
     .arp_check = arp_check,
     .arp_wait_ms = ARP_WAIT_MS,

@@ -72,7 +72,8 @@ struct scan_ops {
     int (*dump)(uint8_t **buffer, int *capacity) noexcept;
     int (*station_is_active)(const uint8_t mac[6]) noexcept;
     int (*open_arp_socket)() noexcept;
-    int (*send_arp)(uint32_t ip, const uint8_t mac[6]) noexcept;
+    int (*open_send_socket)() noexcept;
+    int (*send_arp)(int fd, uint32_t ip, const uint8_t mac[6]) noexcept;
     int (*arp_check)(int fd, uint32_t ip, const uint8_t mac[6], int wait_ms) noexcept;
     int arp_wait_ms;
 };

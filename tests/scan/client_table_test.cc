@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <mutex>
 #include <set>
 #include <sys/socket.h>
@@ -99,7 +100,13 @@ int fake_open() noexcept
     return sv[0];
 }
 
-int fake_send(uint32_t ip, const uint8_t mac[6]) noexcept
+// The sender's socket: any descriptor will do, the fake send ignores it.
+int fake_send_socket() noexcept
+{
+    return open("/dev/null", O_WRONLY | O_CLOEXEC);
+}
+
+int fake_send(int, uint32_t ip, const uint8_t mac[6]) noexcept
 {
     std::lock_guard lk(sys->m);
     probe_key k{ip, mac_of(mac)};
@@ -161,6 +168,7 @@ protected:
         scan_backend.dump = fake_dump;
         scan_backend.station_is_active = fake_station;
         scan_backend.open_arp_socket = fake_open;
+        scan_backend.open_send_socket = fake_send_socket;
         scan_backend.send_arp = fake_send;
         scan_backend.arp_check = fake_check;
         scan_backend.read_leases = fake_leases;
