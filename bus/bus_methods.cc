@@ -89,7 +89,6 @@ static_assert(std::size(hist_new_policy) == HIST_NEW_ATTR_MAX);
 
 uloop_timeout update_timer = {};
 int32_t update_interval = 14000;
-int (*update_compare_pass)(client_table_entry *head) noexcept = compare_client_table;
 
 int parse_update_request(blob_attr *msg, blob_attr **tb) noexcept
 {
@@ -160,7 +159,7 @@ bool report_neighbour(const char *text) noexcept
 void run_compare_pass() noexcept
 {
     if (client_table.head)
-        update_compare_pass(client_table.head);
+        compare_client_table(client_table.head);
 }
 
 } // namespace

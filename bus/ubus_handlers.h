@@ -6,8 +6,6 @@
 
 #include "core/openwrt.h"
 
-struct client_table_entry;
-
 #define LR_UBUS_HANDLER(name)                                                                                \
     int name(ubus_context *ctx, ubus_object *obj, ubus_request_data *req, const char *method,                \
              blob_attr *msg) noexcept
@@ -74,9 +72,6 @@ extern const blobmsg_policy mac_oui_policy[MAC_OUI_ATTR_MAX];
 extern uloop_timeout update_timer;
 // Written by `update`, read by nothing else.
 extern int32_t update_interval;
-
-// The compare pass `update` runs; compare_client_table in the daemon.
-extern int (*update_compare_pass)(client_table_entry *head) noexcept;
 
 // Parses the request of `update`, where an empty message is a request with
 // no keys (the library calls it a failure); every other handler keeps the

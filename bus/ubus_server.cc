@@ -155,11 +155,9 @@ void lanroster_ubus_deinit() noexcept
     event_listener = {};
 }
 
-int (*reply_sender)(ubus_context *ctx, ubus_request_data *req, blob_attr *msg) = ubus_send_reply;
-
 int send_reply_buf(ubus_context *ctx, ubus_request_data *req) noexcept
 {
-    return reply_sender(ctx, req, reply_buf.head);
+    return ubus_send_reply(ctx, req, reply_buf.head);
 }
 
 void *reply_open_table() noexcept

@@ -32,9 +32,7 @@ void lanroster_ubus_deinit() noexcept;
 // its allocation is reused from one reply to the next.
 extern blob_buf reply_buf;
 
-// Sends reply_buf as the data of request `req`; ubus_send_reply in the
-// daemon. The fuzz harnesses check the reply instead of sending it.
-extern int (*reply_sender)(ubus_context *ctx, ubus_request_data *req, blob_attr *msg);
+// Sends reply_buf as the data of request `req`.
 int send_reply_buf(ubus_context *ctx, ubus_request_data *req) noexcept;
 
 // A table with an empty name, at the root of a reply or inside an array;

@@ -3,12 +3,23 @@
 // print_client task, and the MAC text readers.
 //
 // Input: one selector byte, then the payload of the message attribute (the
-// blobmsg fields as they arrive from the bus). Replies are checked, not
-// sent: every reply must be a well-formed blobmsg tree.
+// blobmsg fields as they arrive from the bus). The methods are called the
+// way the daemon is: its objects sit on a private ubusd, served on a thread
+// of their own, and a second connection invokes them with the payload as
+// the request data. Every reply that arrives must be a well-formed blobmsg
+// tree.
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "bus/client_list.h"
@@ -24,19 +35,98 @@
 namespace
 {
 
-int check_reply(ubus_context *, ubus_request_data *, blob_attr *msg)
+void check_reply(ubus_request *, int, blob_attr *msg)
 {
     // The JSON printer walks the whole tree; a broken reply shows there.
     char *json = blobmsg_format_json(msg, true);
     if (!json)
         std::abort();
     std::free(json);
-    return 0;
 }
 
-int no_compare(client_table_entry *) noexcept
+pid_t ubusd_pid = -1;
+std::string ubusd_dir;
+std::string ubusd_socket;
+
+void stop_ubusd()
 {
-    return 0;
+    if (ubusd_pid > 0) {
+        kill(ubusd_pid, SIGTERM);
+        waitpid(ubusd_pid, nullptr, 0);
+    }
+    unlink(ubusd_socket.c_str());
+    rmdir(ubusd_dir.c_str());
+}
+
+// Starts build/platform-bin/ubusd on a fresh socket and waits for its
+// readiness byte; the broker dies with this process.
+bool start_ubusd()
+{
+    char tmpl[] = "/tmp/lr-fuzz-bus-XXXXXX";
+    if (!mkdtemp(tmpl))
+        return false;
+    ubusd_dir = tmpl;
+    ubusd_socket = ubusd_dir + "/ubus.sock";
+    const std::string &path = ubusd_socket;
+    int fds[2];
+    if (pipe(fds) != 0)
+        return false;
+    ubusd_pid = fork();
+    if (ubusd_pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        close(fds[0]);
+        std::string bin = std::string(LR_BINARY_DIR) + "/platform-bin/ubusd";
+        std::string fd = std::to_string(fds[1]);
+        execl(bin.c_str(), "ubusd", "-s", path.c_str(), "-R", fd.c_str(), static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    close(fds[1]);
+    pollfd p{fds[0], POLLIN, 0};
+    char c = 0;
+    bool ok = ubusd_pid > 0 && poll(&p, 1, 10000) == 1 && read(fds[0], &c, 1) == 1;
+    close(fds[0]);
+    std::atexit(stop_ubusd);
+    return ok;
+}
+
+// The daemon's connection, served like the loop serves it: one message at
+// a time, on a thread that lives as long as the process.
+void serve_daemon(ubus_context *ctx)
+{
+    std::thread([ctx] {
+        for (;;) {
+            pollfd p{ctx->sock.fd, POLLIN, 0};
+            if (poll(&p, 1, -1) < 0)
+                return;
+            ubus_handle_event(ctx);
+            if (p.revents & (POLLHUP | POLLERR))
+                return;
+        }
+    }).detach();
+}
+
+ubus_context *caller = nullptr;
+uint32_t lanroster_id = 0;
+uint32_t mac_oui_id = 0;
+
+void connect_bus()
+{
+    if (!start_ubusd())
+        std::abort();
+    uloop_init();
+    ubus_socket_path = ubusd_socket.c_str();
+    if (lanroster_ubus_init() != 0)
+        std::abort();
+    serve_daemon(ubus_ctx);
+    caller = ubus_connect(ubusd_socket.c_str());
+    if (!caller || ubus_lookup_id(caller, "lanroster", &lanroster_id) != 0 ||
+        ubus_lookup_id(caller, "mac_oui", &mac_oui_id) != 0)
+        std::abort();
+}
+
+void invoke(uint32_t object, const char *method, blob_attr *msg)
+{
+    ubus_invoke(caller, object, method, msg, check_reply, nullptr, 5000);
 }
 
 // A short live list so that get_hist_list_new has tables to write.
@@ -49,8 +139,7 @@ void setup_once()
         return;
     done = true;
     log_level = 0;
-    reply_sender = check_reply;
-    update_compare_pass = no_compare;
+    connect_bus();
     for (int i = 0; i < 3; ++i) {
         client_node &n = records[i];
         n.mac[0] = 0x02;
@@ -118,16 +207,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     uint8_t selector = data[0] % 6;
     std::vector<uint8_t> buf = message_of(data + 1, size - 1);
     auto *msg = reinterpret_cast<blob_attr *>(buf.data());
-    ubus_request_data req{};
     switch (selector) {
     case 0:
-        update(nullptr, nullptr, &req, "update", msg);
+        invoke(lanroster_id, "update", msg);
         break;
     case 1:
-        mac_oui_ubus_query(nullptr, nullptr, &req, "req", msg);
+        invoke(mac_oui_id, "req", msg);
         break;
     case 2:
-        get_hist_list_new(nullptr, nullptr, &req, "get_hist_list_new", msg);
+        invoke(lanroster_id, "get_hist_list_new", msg);
         break;
     case 3: {
         void *copy = std::malloc(blob_raw_len(msg));

@@ -18,6 +18,7 @@
 #include "bus_test_util.h"
 #include "core/log.h"
 #include "core/threadpool.h"
+#include "registry/client_node.h"
 #include "scan/client_table.h"
 #include "scan/lan_info.h"
 
@@ -139,38 +140,55 @@ TEST(Init, TakenNameFailsAndLeavesNothingBehind)
 
 // --- update ---------------------------------------------------------------
 
-int compare_runs = 0;
-int count_compare(client_table_entry *) noexcept
-{
-    ++compare_runs;
-    return 0;
-}
-
+// The compare pass is seen through the record it updates: one client on the
+// live list, reported online by an event, so a pass copies the scan entry
+// into it and settles it, and writes no store row. Before each call the
+// record is put back in that state with its name wiped; a call that ran a
+// pass leaves the entry's name in it.
 class Update : public ::testing::Test
 {
   protected:
     void SetUp() override
     {
         compare_runs = 0;
-        saved_compare_ = update_compare_pass;
-        update_compare_pass = count_compare;
+        const uint8_t mac[6] = {0x02, 0x00, 0x00, 0x00, 0x00, 0x42};
+        std::memcpy(entry_.mac, mac, 6);
+        std::strcpy(entry_.hostname, "seen-by-the-pass");
+        entry_.ip = htonl(0xC0A80142);
+        entry_.guest = 2;
+        record_.next = nullptr;
+        std::memcpy(record_.mac, mac, 6);
+        record_.guest = 2;
+        set_history_list(&record_);
         client_table.head = &entry_;
         std::memset(arp_item, 0, sizeof(arp_item));
         ASSERT_TRUE(bus_.ok());
     }
     void TearDown() override
     {
-        update_compare_pass = saved_compare_;
+        set_history_list(nullptr);
         client_table.head = nullptr;
         std::memset(arp_item, 0, sizeof(arp_item));
     }
     bus_test::call_result update(const char *json)
     {
-        return bus_.call("lanroster", "update", json);
+        record_.status = STATUS_EVENT_ONLINE;
+        record_.hostname[0] = '\0';
+        record_.ip = 0;
+        auto r = bus_.call("lanroster", "update", json);
+        if (std::strcmp(record_.hostname, entry_.hostname) == 0) {
+            EXPECT_EQ(record_.ip, entry_.ip);
+            EXPECT_EQ(record_.status, STATUS_ONLINE_LAST_TIME);
+            ++compare_runs;
+        } else {
+            EXPECT_EQ(record_.status, STATUS_EVENT_ONLINE) << "a pass that did not copy the entry";
+        }
+        return r;
     }
 
-    int (*saved_compare_)(client_table_entry *) noexcept = nullptr;
+    int compare_runs = 0;
     client_table_entry entry_{};
+    client_node record_{};
     BusFixture bus_;
 };
 
