@@ -37,8 +37,10 @@ void log_client(const client_node *node) noexcept
 
 } // namespace
 
-void print_lan_info(void *) noexcept
+void print_lan_info(void *message) noexcept
 {
+    // The message says nothing this report needs.
+    std::free(message);
     LR_LOG(6, "lan info, ip : %s, mask : %d, ifnum : %d, gateway : %02X-%02X(port %d)", lan_info.ip,
            lan_info.prefix_len, lan_info.ifnum, lan_info.gateway_mac[4], lan_info.gateway_mac[5],
            lan_info.gateway_port);

@@ -14,7 +14,7 @@ ubus_context *ubus_ctx = nullptr;
 const char *ubus_socket_path = UBUS_SOCKET_PATH;
 blob_buf reply_buf = {};
 ubus_event_handler event_listener = {};
-uint32_t event_copies_abandoned = 0;
+uint32_t event_copies_dropped = 0;
 
 namespace
 {
@@ -189,13 +189,15 @@ void event_dispatch(ubus_context *, ubus_event_handler *, const char *type, blob
     while (row->name && std::strcmp(row->name, name) != 0)
         ++row;
     if (!row->name || !row->task || !thread_pool) {
-        // Nobody takes the copy: the cost of an unknown event.
-        ++event_copies_abandoned;
+        // Nobody takes the copy: an unknown event is dropped here.
+        ++event_copies_dropped;
+        std::free(copy);
         return;
     }
     auto *task = static_cast<threadpool_task *>(std::calloc(1, sizeof(threadpool_task)));
     if (!task) {
-        ++event_copies_abandoned;
+        ++event_copies_dropped;
+        std::free(copy);
         return;
     }
     task->fn = row->task;

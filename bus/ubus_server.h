@@ -67,9 +67,9 @@ struct event_task_row {
 extern const event_task_row event_task_table[];
 
 // Called by the bus library on the loop thread: posts a task that owns a
-// copy of the message. An unknown name behind the prefix costs the copy.
+// copy of the message. An unknown name behind the prefix is dropped.
 void event_dispatch(ubus_context *ctx, ubus_event_handler *ev, const char *type, blob_attr *msg) noexcept;
 
-// Copies of event messages that were made and never handed to a task, for
-// the diagnostics and the tests.
-extern uint32_t event_copies_abandoned;
+// Event copies made and dropped because no task takes them (unknown names),
+// for the diagnostics and the tests.
+extern uint32_t event_copies_dropped;
