@@ -8,26 +8,6 @@
 namespace
 {
 
-int lib_load()
-{
-    return load_mac_oui_database();
-}
-
-void lib_release()
-{
-    release_mac_oui_database();
-}
-
-int lib_ready()
-{
-    return mac_oui_database_ready();
-}
-
-int lib_query(const uint8_t mac[6], char *vendor, size_t size)
-{
-    return query_mac_oui(mac, vendor, size);
-}
-
 // Sets the release MAC_OUI_DICT_HOLD_MS from now; false when that failed.
 bool arm_dict_release() noexcept
 {
@@ -41,14 +21,11 @@ bool arm_dict_release() noexcept
 
 } // namespace
 
-const mac_oui_ops mac_oui_backend_default = {lib_load, lib_release, lib_ready, lib_query};
-mac_oui_ops mac_oui_backend = mac_oui_backend_default;
-
 uloop_timeout mac_oui_dict_clean_timeout = {};
 
 int init_mac_oui_dict() noexcept
 {
-    if (mac_oui_backend.load() != 0) {
+    if (load_mac_oui_database() != 0) {
         LR_LOG(2, "[lr error] load_mac_oui_database failed");
         return -1;
     }
@@ -58,13 +35,13 @@ int init_mac_oui_dict() noexcept
 int query_name_by_mac_oui_v2(const uint8_t mac[6], char *out) noexcept
 {
     mutex_guard hold(uci_lock);
-    if (mac_oui_backend.ready()) {
+    if (mac_oui_database_ready()) {
         if (!arm_dict_release())
             return -1;
     } else if (init_mac_oui_dict() != 0) {
         return -1;
     }
-    if (mac_oui_backend.query(mac, out, VENDOR_TEXT_SIZE) != 0) {
+    if (query_mac_oui(mac, out, VENDOR_TEXT_SIZE) != 0) {
         LR_LOG(7, "[lr error] query_mac_oui by dict failed");
         return -1;
     }
@@ -74,7 +51,7 @@ int query_name_by_mac_oui_v2(const uint8_t mac[6], char *out) noexcept
 void mac_oui_dict_clean_cb(uloop_timeout *) noexcept
 {
     LR_LOG(7, "mac_oui_dict_clean_cb");
-    mac_oui_backend.release();
+    release_mac_oui_database();
 }
 
 // The kernel's client-type file and the brand store aren't read yet: both

@@ -35,16 +35,6 @@ int query_name_by_mac_oui_v2(const uint8_t mac[6], char *out) noexcept;
 // The release, on the main loop.
 void mac_oui_dict_clean_cb(uloop_timeout *timeout) noexcept;
 
-// What the dictionary asks of the vendor library; tests count the calls.
-struct mac_oui_ops {
-    int (*load)();
-    void (*release)();
-    int (*ready)();
-    int (*query)(const uint8_t mac[6], char *vendor, size_t size);
-};
-extern mac_oui_ops mac_oui_backend;
-extern const mac_oui_ops mac_oui_backend_default;
-
 // Readers of the client list: 0 with a fresh array the caller frees, or -1.
 int get_pctl_device_type_info(device_type_info **rows, int *count) noexcept;
 int get_fing_info(fing_info **rows, int *count) noexcept;
