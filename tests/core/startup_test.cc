@@ -28,15 +28,13 @@
 #include "core/timers.h"
 #include "scan/lan_info.h"
 #include "scan/lease.h"
+#include "tests/core/startup_child.h"
 
 namespace {
 
-std::string temp_dir()
-{
-    char tmpl[] = "/tmp/lr-startup-XXXXXX";
-    const char *d = mkdtemp(tmpl);
-    return d ? d : "";
-}
+using startup_child::isolate;
+using startup_child::temp_dir;
+using startup_child::wait_status;
 
 void write_file(const std::string &path, const std::string &text)
 {
@@ -55,35 +53,6 @@ int thread_count()
             n++;
     closedir(d);
     return n;
-}
-
-// In a child: a mount namespace of its own with an empty /run (so no bus
-// socket unless the test starts one) and a fresh network namespace.
-bool isolate()
-{
-    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0)
-        return false;
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        return false;
-    return mount("none", "/run", "tmpfs", 0, nullptr) == 0;
-}
-
-// Written by a timer that only the running loop can fire: the hand-shake
-// that tells the test a SIGTERM now reaches uloop_run. A signal that came
-// earlier would be forgotten when uloop_run starts.
-int loop_marker_fd = -1;
-void loop_marker(uloop_timeout *) noexcept
-{
-    ssize_t r = write(loop_marker_fd, "LOOP-RUNNING\n", 13);
-    (void)r;
-}
-
-int wait_status(pid_t pid)
-{
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status;
 }
 
 }  // namespace
@@ -141,63 +110,10 @@ TEST(Startup, TraceLevelShowsTheStartLinesAndSigtermTearsDown)
     if (access(LR_BINARY_DIR "/platform-bin/ubusd", X_OK) != 0)
         GTEST_SKIP() << "needs the bus daemon of this build";
     std::string conf = temp_dir();
-    int console[2];
-    ASSERT_EQ(pipe(console), 0);
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        close(console[0]);
-        if (!isolate())
-            _exit(10);
-        int ready[2];
-        if (pipe(ready) != 0)
-            _exit(11);
-        pid_t bus = fork();
-        if (bus == 0) {
-            close(ready[0]);
-            std::string fd = std::to_string(ready[1]);
-            execl(LR_BINARY_DIR "/platform-bin/ubusd", "ubusd", "-s", "/run/ubus.sock", "-R", fd.c_str(),
-                  static_cast<char *>(nullptr));
-            _exit(12);
-        }
-        close(ready[1]);
-        char b;
-        if (read(ready[0], &b, 1) != 1)
-            _exit(13);
-        std::string console_path = "/proc/self/fd/" + std::to_string(console[1]);
-        lr_console_path = console_path.c_str();
-        startup_confdir = conf.c_str();
-        lan_info_confdir = conf.c_str();
-        log_level = 7;
-        loop_marker_fd = console[1];
-        static uloop_timeout marker{};
-        marker.cb = loop_marker;
-        uloop_timeout_set(&marker, 0);
-        int r = lanroster_main();
-        kill(bus, SIGTERM);
-        waitpid(bus, nullptr, 0);
-        _exit(r == 0 && ubus_ctx == nullptr ? 0 : 14);
-    }
-    close(console[1]);
-    // Read the console until the loop has started, then stop the daemon the
-    // way init does.
-    std::string text;
-    char buf[4096];
-    bool signalled = false;
-    for (;;) {
-        ssize_t n = read(console[0], buf, sizeof(buf));
-        if (n <= 0)
-            break;
-        text.append(buf, static_cast<size_t>(n));
-        if (!signalled && text.find("LOOP-RUNNING") != std::string::npos) {
-            kill(pid, SIGTERM);
-            signalled = true;
-        }
-    }
-    close(console[0]);
-    int status = wait_status(pid);
-    ASSERT_TRUE(WIFEXITED(status)) << text;
-    EXPECT_EQ(WEXITSTATUS(status), 0) << text;
+    startup_child::run_result run = startup_child::run_with_bus(conf, nullptr, nullptr);
+    const std::string &text = run.console;
+    ASSERT_TRUE(WIFEXITED(run.status)) << text;
+    EXPECT_EQ(WEXITSTATUS(run.status), 0) << text;
     const char *in_order[] = {
         "|level:7| lanroster_ubus_init:",
         "|- [lr] begin to init lr_ubus\n\n",

@@ -1,0 +1,29 @@
+// Runs the daemon's start sequence in a child process with a mount and a
+// network namespace of its own, so that the bus socket and the neighbour
+// table are the test's own.
+#pragma once
+
+#include <string>
+
+namespace startup_child
+{
+
+std::string temp_dir();
+int wait_status(int pid);
+
+// In a child: a private mount namespace with an empty /run (no bus socket
+// unless the test starts one) and a fresh network namespace.
+bool isolate();
+
+struct run_result {
+    int status = 0;      // the child's wait status
+    std::string console; // console lines, then the daemon's standard output
+};
+
+// Starts a private ubusd on "/run/ubus.sock", sets the console threshold to
+// 7, runs `prepare` (may be null) and lanroster_main, and stops the daemon
+// with SIGTERM as soon as its loop runs. The child exits 0 when main
+// returned 0 and the bus was torn down; `after` (may be null) can veto that.
+run_result run_with_bus(const std::string &confdir, void (*prepare)(), bool (*after)());
+
+} // namespace startup_child
