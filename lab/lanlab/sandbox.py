@@ -69,9 +69,21 @@ class Sandbox:
         with open(os.path.join(self.dir, "lease-name"), "w") as f:
             f.write("dhcp.leases")
         open(self.console_log, "a").close()
+        self._write_keep_paths()
         fifo = os.path.join(self.dir, "console.fifo")
         if not os.path.exists(fifo):
             os.mkfifo(fifo, 0o622)
+
+    def _write_keep_paths(self):
+        # A checkout or build tree under /tmp (a CI clone, say) would vanish
+        # under the run's own /tmp, and with it the daemon, the tools and the
+        # stand-ins: sandbox.sh binds these trees back at the same paths.
+        keep = []
+        for tree in (SRC_ROOT, os.path.abspath(self.build_dir)):
+            if tree.startswith("/tmp/") and not any(tree.startswith(k + "/") for k in keep):
+                keep.append(tree)
+        with open(os.path.join(self.dir, "keep-paths"), "w") as f:
+            f.write("".join(k + "\n" for k in keep))
 
     def _install_standins(self):
         src = os.path.join(util.LIB_DIR, "standin.py")

@@ -16,7 +16,23 @@ mount --bind "$run/etc/profile.d" /etc/profile.d
 mount --bind "$run/etc/crontabs" /etc/crontabs
 mount --bind "$run/etc/init.d" /etc/init.d
 mount --bind "$run/var/state" /var/state
+# Trees under /tmp that the run needs (keep-paths: the checkout, the build)
+# are held aside before the run's /tmp covers them, then bound back.
+n=0
+while read -r tree; do
+    [ -n "$tree" ] || continue
+    n=$((n + 1))
+    mkdir -p "$run/keep/$n"
+    mount --bind "$tree" "$run/keep/$n"
+done <"$run/keep-paths"
 mount --bind "$run/tmp" /tmp
+n=0
+while read -r tree; do
+    [ -n "$tree" ] || continue
+    n=$((n + 1))
+    mkdir -p "$tree"
+    mount --bind "$run/keep/$n" "$tree"
+done <"$run/keep-paths"
 [ -e "$run/lease-source" ] && mount --bind "$(cat "$run/lease-source")" "/tmp/$(cat "$run/lease-name")"
 # /var/run is a link to /run on Debian: the bind lands on /run.
 mount --bind "$run/var/run" /var/run

@@ -1,7 +1,7 @@
 // The history package as the daemon finds it at start: any bytes in
 // "/etc/config/history_list" are loaded into a fresh pool. The harness gives
-// itself private "/etc", "/tmp" and "/var" on its first input (it needs
-// root), so the daemon's fixed path points into a throw-away mount.
+// itself private "/etc", "/var" and "/tmp/.uci" on its first input (it needs
+// root), so the daemon's fixed paths point into throw-away mounts.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -29,11 +29,19 @@ bool private_mounts()
         perror("private mount namespace (the harness needs root)");
         return false;
     }
-    for (const char *d : {"/etc", "/tmp", "/var"}) {
+    for (const char *d : {"/etc", "/var"}) {
         if (mount("none", d, "tmpfs", 0, "mode=0755") != 0) {
             perror(d);
             return false;
         }
+    }
+    // Of /tmp only the library's default change directory is read. The rest
+    // stays: the inputs and the fuzzer's corpus may live there (a checkout
+    // under /tmp).
+    struct stat st {};
+    if (stat("/tmp/.uci", &st) == 0 && mount("none", "/tmp/.uci", "tmpfs", 0, "mode=0700") != 0) {
+        perror("/tmp/.uci");
+        return false;
     }
     mkdir("/etc/config", 0755);
     mkdir("/var/state", 0755);
