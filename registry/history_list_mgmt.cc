@@ -11,6 +11,7 @@
 
 #include "core/locks.h"
 #include "core/log.h"
+#include "core/uci_util.h"
 #include "registry/client_node.h"
 #include "registry/rwlock_guard.h"
 #include "registry/run_command.h"
@@ -20,21 +21,10 @@
 namespace
 {
 
-struct uci_context_free {
-    void operator()(uci_context *ctx) const noexcept
-    {
-        uci_free_context(ctx);
-    }
-};
-using uci_ctx_owner = std::unique_ptr<uci_context, uci_context_free>;
-
 // A fresh context on the configuration directory; the caller holds uci_lock.
-uci_ctx_owner new_history_context()
+uci_context_ptr new_history_context()
 {
-    uci_ctx_owner ctx(uci_alloc_context());
-    if (ctx)
-        uci_set_confdir(ctx.get(), HISTORY_CONFDIR);
-    return ctx;
+    return new_uci_context(HISTORY_CONFDIR);
 }
 
 uci_package *load_history(uci_context *ctx)
@@ -89,7 +79,7 @@ int find_or_add_section(uci_context *ctx, uci_package *pkg, const uint8_t mac[6]
 // the changes recorded under "/var/state" for its section are reverted.
 void revert_fing_state(const char *mac_text)
 {
-    uci_ctx_owner ctx(uci_alloc_context());
+    uci_context_ptr ctx(uci_alloc_context());
     if (!ctx)
         return;
     uci_set_savedir(ctx.get(), "/var/state");
@@ -106,7 +96,7 @@ void revert_fing_state(const char *mac_text)
 int update_time_option(const client_node *snapshot, const char *option, long value)
 {
     mutex_guard hold(uci_lock);
-    uci_ctx_owner ctx = new_history_context();
+    uci_context_ptr ctx = new_history_context();
     if (!ctx || !load_history(ctx.get()))
         return 0;
     char mac_text[UCI_MAC_TEXT_SIZE] = {};
@@ -197,7 +187,7 @@ int uci_update_cfg_file(client_node *snapshot) noexcept
     if (!snapshot)
         return 0;
     mutex_guard hold(uci_lock);
-    uci_ctx_owner ctx = new_history_context();
+    uci_context_ptr ctx = new_history_context();
     uci_package *pkg = ctx ? load_history(ctx.get()) : nullptr;
     char section[UCI_SECTION_NAME_SIZE] = {};
     bool is_new = false;
@@ -255,7 +245,7 @@ int uci_delete_section_by_node(const client_node *node) noexcept
     if (!node)
         return 0;
     mutex_guard hold(uci_lock);
-    uci_ctx_owner ctx = new_history_context();
+    uci_context_ptr ctx = new_history_context();
     if (!ctx) {
         STORE_ERROR("uci alloc context failed.");
         return 0;
@@ -294,7 +284,7 @@ int save_user_set_to_flash(const uint8_t mac[6], int type_index, const char *nic
         return 0;
     mutex_guard hold(uci_lock);
     {
-        uci_ctx_owner ctx = new_history_context();
+        uci_context_ptr ctx = new_history_context();
         uci_package *pkg = ctx ? load_history(ctx.get()) : nullptr;
         char section[UCI_SECTION_NAME_SIZE] = {};
         bool is_new = false;
@@ -322,7 +312,7 @@ int save_user_set_to_flash(const uint8_t mac[6], int type_index, const char *nic
 int clean_config_file() noexcept
 {
     mutex_guard hold(uci_lock);
-    uci_ctx_owner ctx = new_history_context();
+    uci_context_ptr ctx = new_history_context();
     if (!ctx) {
         STORE_ERROR("uci alloc context failed.");
         return 0;
@@ -362,7 +352,7 @@ namespace
 int save_one_record(const client_node *node)
 {
     mutex_guard hold(uci_lock);
-    uci_ctx_owner ctx = new_history_context();
+    uci_context_ptr ctx = new_history_context();
     uci_package *pkg = ctx ? load_history(ctx.get()) : nullptr;
     uci_section *s = nullptr;
     if (!pkg || uci_add_section(ctx.get(), pkg, HISTORY_SECTION_TYPE, &s) != UCI_OK || !s)

@@ -12,6 +12,7 @@
 
 #include "core/locks.h"
 #include "core/log.h"
+#include "core/uci_util.h"
 #include "core/text.h"
 #include "registry/client_node.h"
 #include "registry/history_list_mgmt.h"
@@ -21,14 +22,6 @@
 
 namespace
 {
-
-struct uci_context_free {
-    void operator()(uci_context *ctx) const noexcept
-    {
-        uci_free_context(ctx);
-    }
-};
-using uci_ctx_owner = std::unique_ptr<uci_context, uci_context_free>;
 
 // The string options of one section, as the file holds them.
 struct stored_section {
@@ -49,10 +42,9 @@ std::vector<stored_section> read_sections()
 {
     std::vector<stored_section> out;
     mutex_guard hold(uci_lock);
-    uci_ctx_owner ctx(uci_alloc_context());
+    uci_context_ptr ctx = new_uci_context(HISTORY_CONFDIR);
     if (!ctx)
         return out;
-    uci_set_confdir(ctx.get(), HISTORY_CONFDIR);
     uci_package *pkg = nullptr;
     if (uci_load(ctx.get(), HISTORY_PACKAGE, &pkg) != UCI_OK)
         return out;
@@ -142,10 +134,9 @@ int write_to_history_list(const client_node *client, const char *brand, const ch
         node->type_source = TYPE_SOURCE_CLOUD;
     }
     mutex_guard hold(uci_lock);
-    uci_ctx_owner ctx(uci_alloc_context());
+    uci_context_ptr ctx = new_uci_context(HISTORY_CONFDIR);
     if (!ctx)
         return 0;
-    uci_set_confdir(ctx.get(), HISTORY_CONFDIR);
     uci_package *pkg = nullptr;
     if (uci_load(ctx.get(), HISTORY_PACKAGE, &pkg) != UCI_OK) {
         STORE_ERROR("update config error.");
