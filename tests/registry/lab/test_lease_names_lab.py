@@ -144,7 +144,9 @@ def test_lifecycle(c):
         lab.change_name("tv", "tv-renamed")
         wait(sb, lambda: console_has(sb, "status(1)(new)", tail(cam.mac), "hostname(porch-cam)"),
              "console: status(1)(new) of the new client")
+        c.check(True, "arrival (status 1) of a new client on the console, with its lease's name")
         wait(sb, lambda: console_has(sb, "status(4)", tail(nas.mac)), "console: status(4) of nas")
+        c.check(True, "leaving (status 4) on the console")
         h = wait(sb, lambda: (lambda h: "leave_time" in h[NAS][1] and h)(history(sb)),
                  "leave_time of the client that left")
         c.check(int(h[NAS][1]["leave_time"]) >= int(h[NAS][1]["access_time"]),
@@ -168,6 +170,7 @@ def test_lifecycle(c):
         nas_left = dict(h[NAS][1])
         lab.come_back("nas")
         wait(sb, lambda: console_has(sb, "status(3)", tail(nas.mac)), "console: status(3) of nas")
+        c.check(True, "coming back (status 3) on the console")
         h = wait(sb, lambda: (lambda h: h[NAS][1].get("access_time") != nas_left.get("access_time") and h)(
             history(sb)), "the reconnection in the history file", 10)
         c.equal(h[NAS][1].get("leave_time"), nas_left.get("leave_time"), "reconnection: leave_time kept")
