@@ -67,8 +67,14 @@ bool in_private_tmp(const std::function<void()> &body)
 
 struct lease_buffer {
     lease_buffer() : rows(static_cast<lease_row *>(calloc(LEASE_ROWS_START, sizeof(lease_row)))) {}
-    ~lease_buffer() { free(rows); }
-    int read() { return read_dhcp_leases(&rows, &capacity); }
+    ~lease_buffer()
+    {
+        free(rows);
+    }
+    int read()
+    {
+        return read_dhcp_leases(&rows, &capacity);
+    }
     lease_row *rows;
     int capacity = LEASE_ROWS_START;
 };
@@ -104,8 +110,8 @@ TEST(LeaseLine, SixColumns)
 
 TEST(LeaseLine, FiveColumnsTakeTheTypeOfTheLineBefore)
 {
-    auto rows = parse_lines({"100 02:aa:bb:cc:dd:01 192.168.1.100 tv * 7\n",
-                             "200 02:aa:bb:cc:dd:02 192.168.1.101 phone *\n"});
+    auto rows = parse_lines(
+        {"100 02:aa:bb:cc:dd:01 192.168.1.100 tv * 7\n", "200 02:aa:bb:cc:dd:02 192.168.1.101 phone *\n"});
     ASSERT_EQ(rows.size(), 2u);
     EXPECT_EQ(rows[1].type, 7);
     EXPECT_STREQ(rows[1].hostname, "phone");
@@ -132,7 +138,8 @@ TEST(LeaseLine, NothingCountsBeforeAFullLine)
 
 TEST(LeaseLine, DashMacDecodesAsColonMac)
 {
-    auto rows = parse_lines({"1 02-AA-bb-CC-dd-01 192.168.1.100 tv * 1\n", "1 02:aa:bb:cc:dd:01 192.168.1.100 tv * 1\n"});
+    auto rows = parse_lines(
+        {"1 02-AA-bb-CC-dd-01 192.168.1.100 tv * 1\n", "1 02:aa:bb:cc:dd:01 192.168.1.100 tv * 1\n"});
     ASSERT_EQ(rows.size(), 2u);
     EXPECT_EQ(std::memcmp(rows[0].mac, mac_a, 6), 0);
     EXPECT_EQ(std::memcmp(rows[1].mac, mac_a, 6), 0);
@@ -205,8 +212,8 @@ TEST(LeaseFile, GrowsBy64Rows)
         std::string text;
         for (int i = 0; i < 130; i++) {
             char line[96];
-            snprintf(line, sizeof(line), "%d 02:00:00:00:%02x:%02x 10.0.%d.%d h%d * %d\n", 1000 + i, i >> 8, i & 0xff,
-                     i / 200, i % 200 + 1, i, i);
+            snprintf(line, sizeof(line), "%d 02:00:00:00:%02x:%02x 10.0.%d.%d h%d * %d\n", 1000 + i, i >> 8,
+                     i & 0xff, i / 200, i % 200 + 1, i, i);
             text += line;
         }
         write_file("/tmp/dhcp.leases", text);
@@ -244,7 +251,8 @@ TEST(Dhcpv6, NamesByExactAddressText)
                                          "\n"
                                          "printer fd4c:5200:0:1:0:0:0:21\n");
         read_dhcpv6_leases();
-        struct stat st {};
+        struct stat st {
+        };
         ASSERT_EQ(stat("/var/run/dhcp6s_leases.lck", &st), 0);
         EXPECT_EQ(st.st_mode & 0777, 0600u);
 
@@ -299,7 +307,8 @@ TEST(Hook, RecordWithAllKeys)
 
 TEST(Hook, WithoutNameGivesNetworkDevice)
 {
-    json_object *root = parse_json(R"([{"mac":"02-aa-bb-cc-dd-01","ipaddr":"192.168.1.50","obt_name_ok":1}])");
+    json_object *root =
+        parse_json(R"([{"mac":"02-aa-bb-cc-dd-01","ipaddr":"192.168.1.50","obt_name_ok":1}])");
     hook_client out{};
     out.obt_name_ok = 5;
     ASSERT_EQ(hook_lookup_in(root, &out, mac_a), 1);
@@ -329,7 +338,8 @@ TEST(Hook, WrongElementTypeIsSkipped)
 
 TEST(Hook, ObjectWithoutMacEndsTheSearch)
 {
-    json_object *root = parse_json(R"([{"ipaddr":"1.2.3.5"}, {"mac":"02:aa:bb:cc:dd:01","ipaddr":"1.2.3.4"}])");
+    json_object *root =
+        parse_json(R"([{"ipaddr":"1.2.3.5"}, {"mac":"02:aa:bb:cc:dd:01","ipaddr":"1.2.3.4"}])");
     hook_client out{};
     EXPECT_EQ(hook_lookup_in(root, &out, mac_a), 0);
     json_object_put(root);
@@ -340,7 +350,8 @@ TEST(Hook, ObjectWithoutMacEndsTheSearch)
 
 TEST(Hook, MatchWithoutAddressEndsTheSearch)
 {
-    json_object *root = parse_json(R"([{"mac":"02:aa:bb:cc:dd:01"}, {"mac":"02:aa:bb:cc:dd:01","ipaddr":"1.2.3.4"}])");
+    json_object *root =
+        parse_json(R"([{"mac":"02:aa:bb:cc:dd:01"}, {"mac":"02:aa:bb:cc:dd:01","ipaddr":"1.2.3.4"}])");
     hook_client out{};
     EXPECT_EQ(hook_lookup_in(root, &out, mac_a), 0);
     json_object_put(root);
@@ -360,8 +371,9 @@ TEST(Hook, ReadsTheFileOnEachCall)
     EXPECT_TRUE(in_private_tmp([] {
         hook_client out{};
         EXPECT_EQ(hook_lookup(&out, mac_b), 0); // no file
-        write_file("/tmp/dhcp_hook.file", "[{\"mac\":\"02:aa:bb:cc:dd:02\",\"ipaddr\":\"192.168.1.9\",\"name\":\"ap-cam\","
-                                          "\"type\":4}]");
+        write_file("/tmp/dhcp_hook.file",
+                   "[{\"mac\":\"02:aa:bb:cc:dd:02\",\"ipaddr\":\"192.168.1.9\",\"name\":\"ap-cam\","
+                   "\"type\":4}]");
         ASSERT_EQ(hook_lookup(&out, mac_b), 1);
         EXPECT_STREQ(out.name, "ap-cam");
         EXPECT_STREQ(out.ipaddr, "192.168.1.9");
