@@ -220,17 +220,17 @@ int read_dhcp_leases(lease_row **rows, int *capacity) noexcept
         lease_row row{};
         if (!parse_lease_line(line, scan, row))
             continue;
-        (*rows)[count++] = row;
-        if (count < *capacity)
-            continue;
-        size_t grown = static_cast<size_t>(*capacity) + LEASE_ROWS_STEP;
-        auto *bigger = static_cast<lease_row *>(realloc(*rows, grown * sizeof(lease_row)));
-        if (!bigger) {
-            fputs("lanroster: out of memory!\n", stderr);
-            return -2;
+        if (count >= *capacity) {
+            size_t grown = static_cast<size_t>(count) + LEASE_ROWS_STEP;
+            auto *bigger = static_cast<lease_row *>(realloc(*rows, grown * sizeof(lease_row)));
+            if (!bigger) {
+                fputs("lanroster: out of memory!\n", stderr);
+                return -2;
+            }
+            *rows = bigger;
+            *capacity = static_cast<int>(grown);
         }
-        *rows = bigger;
-        *capacity = static_cast<int>(grown);
+        (*rows)[count++] = row;
     }
     return count;
 }

@@ -226,6 +226,22 @@ TEST(LeaseFile, GrowsBy64Rows)
     }));
 }
 
+TEST(LeaseFile, SixtyFourRowsFitTheFirstBuffer)
+{
+    EXPECT_TRUE(in_private_tmp([] {
+        copy_str(lease_file_name, "/tmp/dhcp.leases");
+        std::string text;
+        for (int i = 0; i < 64; i++)
+            text +=
+                "1 02:00:00:00:00:" + std::to_string(10 + i) + " 10.0.0." + std::to_string(i + 1) + " * *\n";
+        write_file("/tmp/dhcp.leases", text);
+        lease_buffer buf;
+        EXPECT_EQ(buf.read(), 64);
+        EXPECT_EQ(buf.capacity, 64);
+        EXPECT_EQ(buf.rows[63].mac[5], 0x73);
+    }));
+}
+
 TEST(LeaseFile, FindByMacTakesTheFirstRow)
 {
     EXPECT_TRUE(in_private_tmp([] {
