@@ -12,7 +12,7 @@ comes back (3). The bus shows 5 as connect_status 1 and 4 as wire_type
 
 Odd name: a lease line whose host name holds a double quote, "$(...)" and
 backquotes reaches the console and the history file as it is, and makes
-nothing run."""
+nothing run; its sixth column gives the device type."""
 import os
 import subprocess
 import sys
@@ -193,7 +193,8 @@ def test_odd_name(c):
         # dnsmasq would not hand out such a name, and with no DHCP client in
         # this LAN it never rewrites the file: the line stays as written.
         with open(lab.lease_file, "w") as f:
-            f.write(f"{int(time.time()) + 86400} {odd.mac} 192.168.1.60 {ODD_NAME} *\n")
+            # The sixth column is the device type: row 27, "Printer".
+            f.write(f"{int(time.time()) + 86400} {odd.mac} 192.168.1.60 {ODD_NAME} * 27\n")
         sb = start(c, lab)
         if sb is None:
             return
@@ -202,6 +203,9 @@ def test_odd_name(c):
         c.equal(h[ODD][1].get("hostname"), ODD_NAME, "the history file holds the name as it is")
         c.equal(roster(sb).get(bus_mac(odd.mac), {}).get("hostname"), ODD_NAME,
                 "the bus shows the name as it is")
+        c.equal(h[ODD][1].get("type"), "Printer", "the lease's type column gives the device type")
+        c.equal(roster(sb).get(bus_mac(odd.mac), {}).get("device_type"), "Printer",
+                "the bus shows the lease's device type")
         c.check(update(sb), "ubus call lanroster update '{}'")
         wait(sb, lambda: console_has(sb, "status(2)", tail(odd.mac)), "console: status(2) of the client", 10)
         c.check(console_has(sb, f"hostname({ODD_NAME})"), "the console shows the name literally",
