@@ -102,6 +102,24 @@ class Sandbox:
             with open(os.path.join(self.dir, d, name), "w") as f:
                 f.write(text)
 
+    def uci_sections(self, package):
+        """Sections of a package in file order, as the stand-in uci tool
+        reads them: [(name, {option: value})]."""
+        uci = os.path.join(self.platform_bin, "uci")
+        out = subprocess.run([uci, "-c", self.path("/etc/config"), "-X", "show", package],
+                             text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE).stdout
+        sections, by_name = [], {}
+        for line in out.splitlines():
+            key, _, value = line.partition("=")
+            parts = key.split(".")
+            if len(parts) == 2:
+                by_name[parts[1]] = {}
+                sections.append((parts[1], by_name[parts[1]]))
+            elif len(parts) == 3 and parts[1] in by_name:
+                v = value[1:-1] if value.startswith("'") and value.endswith("'") else value
+                by_name[parts[1]][parts[2]] = v.replace("'\\''", "'")
+        return sections
+
     def read_package(self, name):
         d = "etc/profile.d" if name == "profile" else "etc/config"
         with open(os.path.join(self.dir, d, name)) as f:

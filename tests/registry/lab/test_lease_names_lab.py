@@ -14,7 +14,6 @@ Odd name: a lease line whose host name holds a double quote, "$(...)" and
 backquotes reaches the console and the history file as it is, and makes
 nothing run; its sixth column gives the device type."""
 import os
-import subprocess
 import sys
 import time
 
@@ -44,20 +43,7 @@ def tail(mac):
 
 def history(sb):
     """{MAC: (section, {option: value})} of history_list."""
-    uci = os.path.join(sb.platform_bin, "uci")
-    out = subprocess.run([uci, "-c", sb.path("/etc/config"), "-X", "show", "history_list"],
-                         text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE).stdout
-    sections, by_name = [], {}
-    for line in out.splitlines():
-        key, _, value = line.partition("=")
-        parts = key.split(".")
-        if len(parts) == 2:
-            by_name[parts[1]] = {}
-            sections.append((parts[1], by_name[parts[1]]))
-        elif len(parts) == 3 and parts[1] in by_name:
-            v = value[1:-1] if value.startswith("'") and value.endswith("'") else value
-            by_name[parts[1]][parts[2]] = v.replace("'\\''", "'")
-    return {opts.get("mac"): (name, opts) for name, opts in sections}
+    return {opts.get("mac"): (name, opts) for name, opts in sb.uci_sections("history_list")}
 
 
 def roster(sb):

@@ -10,7 +10,6 @@ is rewritten). A second life on the same router: the file is filled to the
 pool's 388 records, the known clients load offline in reversed file order,
 so a 389th client evicts the first section of the file."""
 import os
-import subprocess
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -30,20 +29,7 @@ def hex_mac(mac):
 
 def history(sb):
     """Sections of history_list in file order: [(name, {option: value})]."""
-    uci = os.path.join(sb.platform_bin, "uci")
-    out = subprocess.run([uci, "-c", sb.path("/etc/config"), "-X", "show", "history_list"],
-                         text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE).stdout
-    sections, by_name = [], {}
-    for line in out.splitlines():
-        key, _, value = line.partition("=")
-        parts = key.split(".")
-        if len(parts) == 2:
-            by_name[parts[1]] = {}
-            sections.append((parts[1], by_name[parts[1]]))
-        elif len(parts) == 3 and parts[1] in by_name:
-            v = value[1:-1] if value.startswith("'") and value.endswith("'") else value
-            by_name[parts[1]][parts[2]] = v.replace("'\\''", "'")
-    return sections
+    return sb.uci_sections("history_list")
 
 
 def by_mac(sb):
