@@ -57,10 +57,18 @@ def alive(sb):
 
 
 def wait(sb, pred, what, timeout=PASS_TIMEOUT):
+    """pred's value once it holds and the pass behind it is done: the store
+    commits one option at a time, so a section can be seen half-written.
+    Done means two reads 0.5 s apart agree."""
+    last = [None]
+
     def check():
         alive(sb)
-        return pred()
-    return util.wait_for(check, timeout, interval=0.2, what=what)
+        v = pred()
+        settled = bool(v) and v == last[0]
+        last[0] = v if v else None
+        return v if settled else None
+    return util.wait_for(check, timeout, interval=0.5, what=what)
 
 
 def console_has(sb, *parts):

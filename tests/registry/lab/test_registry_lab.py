@@ -37,12 +37,22 @@ def by_mac(sb):
 
 
 def wait_file(sb, pred, what, timeout=PASS_TIMEOUT):
+    """The package once pred holds and the pass that made it true is done
+    writing: the store commits one option at a time, so a section can be
+    seen half-written. Done means two reads 0.5 s apart agree."""
+    last = [None]
+
     def check():
         if sb.proc is not None and sb.proc.poll() is not None:
             raise util.LabError(f"the daemon exited with {sb.proc.returncode}")
         m = by_mac(sb)
-        return m if pred(m) else None
-    return util.wait_for(check, timeout, interval=0.2, what=what)
+        if not pred(m):
+            last[0] = None
+            return None
+        settled = m == last[0]
+        last[0] = m
+        return m if settled else None
+    return util.wait_for(check, timeout, interval=0.5, what=what)
 
 
 def crontab_lines(sb):
