@@ -16,6 +16,7 @@
 #include "db/lookups.h"
 #include "db/mac_oui_lib.h"
 #include "registry/compare.h"
+#include "registry/rwlock_guard.h"
 #include "scan/client_table.h"
 #include "scan/lan_info.h"
 
@@ -156,10 +157,96 @@ bool report_neighbour(const char *text) noexcept
     return true;
 }
 
-void run_compare_pass() noexcept
+} // namespace
+
+namespace
 {
-    if (client_table.head)
-        compare_client_table(client_table.head);
+
+// Steps of `update` that read or write the remembered neighbours, with the
+// table's read lock held so that no pass rewrites a row meanwhile (the other
+// holders of the read lock never touch these rows). True when the compare
+// pass is to run.
+bool neigh_steps_locked(ubus_context *ctx, ubus_request_data *req, bool print, const char *report,
+                        bool asked) noexcept
+{
+    if (print) {
+        blob_buf_init(&reply_buf, 0);
+        dump_arp_items();
+        send_reply_buf(ctx, req);
+        asked = true;
+    }
+    if (report)
+        return report_neighbour(report);
+    return !asked;
+}
+
+// While a pass holds the table (up to about 8 s), an `update` that needs the
+// remembered neighbours waits for it off the loop: its request is deferred
+// and retried every few milliseconds. Beyond a handful waiting, a call is
+// turned away as a busy table turns away the compare pass.
+constexpr int NEIGH_RETRY_MS = 20;
+constexpr int NEIGH_WAITING_MAX = 8;
+
+struct neigh_waiting {
+    bool used;
+    bool print;
+    bool has_report;
+    bool asked;
+    char report[64];
+    ubus_request_data req;
+};
+neigh_waiting neigh_queue[NEIGH_WAITING_MAX];
+
+void neigh_retry_cb(uloop_timeout *t) noexcept;
+uloop_timeout neigh_retry_timer = [] {
+    uloop_timeout t{};
+    t.cb = neigh_retry_cb;
+    return t;
+}();
+
+void neigh_retry_cb(uloop_timeout *t) noexcept
+{
+    bool left = false;
+    for (neigh_waiting &w : neigh_queue) {
+        if (!w.used)
+            continue;
+        bool run_compare;
+        {
+            rwlock_try_read_guard table(client_table_lock);
+            if (!table.held()) {
+                left = true;
+                continue;
+            }
+            run_compare = neigh_steps_locked(ubus_ctx, &w.req, w.print, w.has_report ? w.report : nullptr,
+                                             w.asked);
+        }
+        ubus_complete_deferred_request(ubus_ctx, &w.req, 0);
+        w.used = false;
+        if (run_compare)
+            compare_scan_list();
+    }
+    if (left)
+        uloop_timeout_set(t, NEIGH_RETRY_MS);
+}
+
+void defer_neigh_steps(ubus_context *ctx, ubus_request_data *req, bool print, const char *report,
+                       bool asked) noexcept
+{
+    for (neigh_waiting &w : neigh_queue) {
+        if (w.used)
+            continue;
+        w = neigh_waiting{};
+        w.used = true;
+        w.print = print;
+        w.asked = asked;
+        w.has_report = report != nullptr;
+        if (report)
+            copy_str(w.report, report, 63);
+        ubus_defer_request(ctx, req, &w.req);
+        if (!neigh_retry_timer.pending)
+            uloop_timeout_set(&neigh_retry_timer, NEIGH_RETRY_MS);
+        return;
+    }
 }
 
 } // namespace
@@ -180,19 +267,24 @@ LR_UBUS_HANDLER(update)
         update_interval = static_cast<int32_t>(blobmsg_get_u32(tb[UPDATE_INTERVAL]));
         asked = true;
     }
-    if (tb[UPDATE_PRINT_NEIGH] && blobmsg_get_u32(tb[UPDATE_PRINT_NEIGH]) != 0) {
-        blob_buf_init(&reply_buf, 0);
-        dump_arp_items();
-        send_reply_buf(ctx, req);
-        asked = true;
-    }
-    if (tb[UPDATE_REPORT_NEIGH]) {
-        if (!report_neighbour(blobmsg_get_string(tb[UPDATE_REPORT_NEIGH])))
-            return 0;
-    } else if (asked) {
+    bool print = tb[UPDATE_PRINT_NEIGH] && blobmsg_get_u32(tb[UPDATE_PRINT_NEIGH]) != 0;
+    const char *report = tb[UPDATE_REPORT_NEIGH] ? blobmsg_get_string(tb[UPDATE_REPORT_NEIGH]) : nullptr;
+    if (!print && !report) {
+        if (!asked)
+            compare_scan_list();
         return 0;
     }
-    run_compare_pass();
+    bool run_compare;
+    {
+        rwlock_try_read_guard table(client_table_lock);
+        if (!table.held()) {
+            defer_neigh_steps(ctx, req, print, report, asked);
+            return 0;
+        }
+        run_compare = neigh_steps_locked(ctx, req, print, report, asked);
+    }
+    if (run_compare)
+        compare_scan_list();
     return 0;
 }
 

@@ -202,5 +202,9 @@ void event_dispatch(ubus_context *, ubus_event_handler *, const char *type, blob
     }
     task->fn = row->task;
     task->arg = copy;
-    threadpool_add_task(task, thread_pool);
+    // A full queue frees the task record; the copy is still ours.
+    if (threadpool_add_task(task, thread_pool) != 0) {
+        ++event_copies_dropped;
+        std::free(copy);
+    }
 }

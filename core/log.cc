@@ -1,6 +1,9 @@
 #include "core/log.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <pthread.h>
@@ -39,6 +42,24 @@ size_t unescape_dquoted(char *dst, const char *src, size_t len)
     return n;
 }
 
+// Writes all of `len` bytes; a short write on a pipe or console is finished
+// off, an error or a signal gives up quietly: logging never fails the caller.
+void write_all(int fd, const char *text, size_t len)
+{
+    while (len > 0) {
+        ssize_t n = write(fd, text, len);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return;
+        text += n;
+        len -= static_cast<size_t>(n);
+    }
+}
+
+// A line longer than the stack buffer is printed from the heap, still whole.
+constexpr size_t ERROR_LINE_STACK = 1024;
+
 log_stamp take_stamp()
 {
     log_stamp s{};
@@ -65,8 +86,7 @@ void emit(const console_line &line)
         if (fd < 0)
             return;
     }
-    ssize_t r = write(fd, line.text, line.len);
-    (void)r;
+    write_all(fd, line.text, line.len);
     if (line.to_console)
         close(fd);
 }
@@ -124,17 +144,53 @@ void lr_console_log(int level, const char *func, int line, const char *fmt, ...)
     emit(out);
 }
 
+void lr_write_line(int fd, const char *text) noexcept
+{
+    write_all(fd, text, std::strlen(text));
+}
+
+void lr_perror(const char *what) noexcept
+{
+    int err = errno;
+    char line[256];
+    int n = std::snprintf(line, sizeof(line), "%s: %s\n", what, strerror(err));
+    if (n > 0)
+        write_all(STDERR_FILENO, line, std::min(static_cast<size_t>(n), sizeof(line) - 1));
+}
+
 void lr_error_log(const char *file, int line, const char *func, const char *fmt, ...) noexcept
 {
     time_t now = time(nullptr);
     struct tm tm {
     };
     localtime_r(&now, &tm);
-    std::printf("%4d-%02d-%02d %02d:%02d:%02d | %s:%d | error | %s | ", tm.tm_year + 1900, tm.tm_mon + 1,
-                tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, file, line, func);
+    char stack[ERROR_LINE_STACK];
+    int head = std::snprintf(stack, sizeof(stack), "%4d-%02d-%02d %02d:%02d:%02d | %s:%d | error | %s | ",
+                             tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+                             file, line, func);
+    if (head < 0)
+        return;
     va_list ap;
     va_start(ap, fmt);
-    std::vprintf(fmt, ap);
+    va_list again;
+    va_copy(again, ap);
+    size_t used = std::min(static_cast<size_t>(head), sizeof(stack) - 1);
+    int msg = std::vsnprintf(stack + used, sizeof(stack) - used, fmt, ap);
     va_end(ap);
-    std::putchar('\n');
+    size_t total = static_cast<size_t>(head) + static_cast<size_t>(msg > 0 ? msg : 0) + 1;
+    if (total < sizeof(stack)) {
+        stack[total - 1] = '\n';
+        write_all(STDOUT_FILENO, stack, total);
+        va_end(again);
+        return;
+    }
+    char *big = static_cast<char *>(malloc(total + 1));
+    if (big) {
+        std::memcpy(big, stack, static_cast<size_t>(head));
+        std::vsnprintf(big + head, total - static_cast<size_t>(head), fmt, again);
+        big[total - 1] = '\n';
+        write_all(STDOUT_FILENO, big, total);
+        free(big);
+    }
+    va_end(again);
 }

@@ -36,6 +36,14 @@ void lr_console_log(int level, const char *func, int line, const char *fmt, ...)
 void lr_error_log(const char *file, int line, const char *func, const char *fmt, ...) noexcept
     __attribute__((format(printf, 4, 5)));
 
+// Every line of every form reaches its descriptor in one write(2), so lines
+// of different threads never interleave mid-line. These are the ways out for
+// the fixed texts of the readers ("ARP_sniffer: ...", "lanroster: ...") and
+// for what the store prints on standard output.
+void lr_write_line(int fd, const char *text) noexcept;
+// perror's line, "<what>: <strerror(errno)>\n", in one write.
+void lr_perror(const char *what) noexcept;
+
 // Runs as a pool task with a byte copy of a bus event's blob (or nullptr):
 // the value of its "log_level" key becomes the threshold, any value; with no
 // message the threshold goes back to 2. Frees the message.

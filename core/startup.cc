@@ -2,16 +2,19 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 
 #include "bus/ubus_server.h"
 #include "core/locks.h"
 #include "core/log.h"
 #include "core/openwrt.h"
+#include "core/stop.h"
 #include "core/threadpool.h"
 #include "core/timers.h"
 #include "core/uci_util.h"
 #include "core/watch.h"
 #include "registry/client_node.h"
+#include "registry/compare.h"
 #include "scan/client_table.h"
 #include "scan/lan_info.h"
 #include "scan/lease.h"
@@ -41,13 +44,17 @@ void reset_port_count() noexcept {}
 
 void tear_down() noexcept
 {
-    threadpool_deinit(thread_pool);
+    bool worker_left = threadpool_deinit(thread_pool) != 0;
     thread_pool = nullptr;
     close_event_sockets();
     db_inotify_deinit();
     iwinfo_finish_hook();
     lanroster_ubus_deinit();
     uloop_done();
+    // A worker still inside a task may use globals that exit() would
+    // destroy; every log line is already written, so nothing is lost.
+    if (worker_left)
+        _exit(0);
 }
 
 } // namespace
@@ -93,8 +100,12 @@ void load_early_config() noexcept
 
 int lanroster_main() noexcept
 {
+    // Without our handler libubox installs its own at uloop_init, and the
+    // daemon still stops, only less promptly during the start-up pass.
+    stop_signals_init();
     load_early_config();
     uloop_init();
+    stop_signals_watch();
     if (lanroster_ubus_init() != 0)
         return -1;
     if (get_system_info() != 0 || db_inotify_init() != 0)
@@ -108,11 +119,14 @@ int lanroster_main() noexcept
     client_table.head = nullptr;
     client_table.tail = nullptr;
     create_memory_queue();
+    // A stop during the pass cuts it short; its partial list must not take
+    // anybody offline.
     create_client_table();
-    if (client_table.head)
-        run_compare_pass();
+    if (!lr_stopping())
+        compare_scan_list();
     LR_LOG(7, "[lr] begin to start uloop\n");
-    uloop_run();
+    if (!lr_stopping())
+        uloop_run();
     tear_down();
     return 0;
 }

@@ -1,7 +1,9 @@
 #include "core/threadpool.h"
 
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "core/log.h"
 
@@ -43,7 +45,7 @@ int create_workers(threadpool *pool) noexcept
 {
     for (int i = 0; i < pool->worker_num; i++) {
         if (pthread_create(&pool->worker_arr[i], nullptr, work_loop, pool) != 0) {
-            perror("pthread_create");
+            lr_perror("pthread_create");
             LR_LOG(2, "[lr error] pthread_create\n");
             return -1;
         }
@@ -78,14 +80,16 @@ threadpool_task *task_dequeue(task_queue *queue) noexcept
     return task;
 }
 
-void threadpool_add_task(threadpool_task *task, threadpool *pool) noexcept
+int threadpool_add_task(threadpool_task *task, threadpool *pool) noexcept
 {
     pthread_mutex_lock(&pool->mutex);
-    if (task_enqueue(&pool->task_queue, task) == 0)
+    int taken = task_enqueue(&pool->task_queue, task);
+    if (taken == 0)
         pthread_cond_broadcast(&pool->cond);
     else
         free(task);
     pthread_mutex_unlock(&pool->mutex);
+    return taken;
 }
 
 namespace
@@ -153,11 +157,20 @@ int threadpool_deinit(threadpool *pool) noexcept
         }
     }
     // Queued tasks and their payloads are abandoned: the process ends right
-    // after. The workers are joined, though: a cancelled waiter takes the
-    // mutex back on its way out, and the mutex is freed with the pool below.
-    // A worker inside a task ends as soon as that task returns.
+    // after. A cancelled waiter takes the mutex back on its way out, so the
+    // pool may be freed only once every worker has ended; a worker inside a
+    // task ends right after it, and tasks give up soon after a stop. The wait
+    // is bounded all the same, and a worker that overstays it keeps the pool.
+    timespec deadline{};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_nsec += static_cast<long>(WORKER_JOIN_MS) * 1000000L;
+    deadline.tv_sec += deadline.tv_nsec / 1000000000L;
+    deadline.tv_nsec %= 1000000000L;
+    bool all_ended = true;
     for (int i = 0; i < pool->worker_num; i++)
-        pthread_join(pool->worker_arr[i], nullptr);
+        all_ended = pthread_timedjoin_np(pool->worker_arr[i], nullptr, &deadline) == 0 && all_ended;
+    if (!all_ended)
+        return 1;
     free(pool->worker_arr);
     free(pool->task_queue.head);
     free(pool);

@@ -39,8 +39,17 @@ extern threadpool *thread_pool;
 
 int threadpool_init(threadpool *pool, int n) noexcept;
 int create_workers(threadpool *pool) noexcept;
-// Posts; a task the full queue refuses is freed, its arg is not.
-void threadpool_add_task(threadpool_task *task, threadpool *pool) noexcept;
+// Posts: 0 when the queue took the task, -1 when it was full. A refused task
+// record is freed and its arg is not: the poster still owns the payload and
+// frees it, so a storm of events cannot pin memory the queue turned away.
+int threadpool_add_task(threadpool_task *task, threadpool *pool) noexcept;
+// How long teardown waits for the workers to end, so that a stop is done
+// within a second whatever a task is doing.
+inline constexpr int WORKER_JOIN_MS = 600;
+
+// Cancels and joins the workers and frees the pool: 0. When a worker is still
+// inside a task after WORKER_JOIN_MS, 1, and the pool stays allocated for it:
+// the caller must then end the process without running static destructors.
 int threadpool_deinit(threadpool *pool) noexcept;
 
 // List operations, called with the pool's mutex held.

@@ -1,9 +1,13 @@
 #include "core/timers.h"
 
+
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/log.h"
 #include "core/openwrt.h"
+#include "core/stop.h"
 #include "core/threadpool.h"
 #include "registry/compare.h"
 #include "scan/client_table.h"
@@ -38,7 +42,7 @@ void local_report_timeout_cb(uloop_timeout *t) noexcept
 int local_report_timer_init() noexcept
 {
     if (uloop_timeout_set(&local_report_timeout, local_report_interval) < 0) {
-        perror("uloop_timeout_set local_report_timeout");
+        lr_perror("uloop_timeout_set local_report_timeout");
         return -1;
     }
     return 0;
@@ -54,14 +58,10 @@ bool local_report_timer_pending() noexcept
     return local_report_timeout.pending;
 }
 
-void run_compare_pass() noexcept
-{
-    compare_client_table(client_table.head);
-}
-
 void local_report_task(void *) noexcept
 {
     create_client_table();
-    if (client_table.head)
-        run_compare_pass();
+    // A pass cut short by a stop saw only part of the LAN.
+    if (!lr_stopping())
+        compare_scan_list();
 }

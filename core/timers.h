@@ -15,6 +15,3 @@ bool local_report_timer_pending() noexcept;
 
 // The scan task: a pass, then the compare pass if the list is not empty.
 void local_report_task(void *arg) noexcept;
-// The compare pass over the scan list; called only when the list has
-// entries.
-void run_compare_pass() noexcept;

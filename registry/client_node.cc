@@ -1,5 +1,6 @@
 #include "registry/client_node.h"
 
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -364,7 +365,7 @@ int delete_specific_node_from_list(const uint8_t mac[6]) noexcept
         return 0;
     }
     // The record stays out of both lists until the restart.
-    printf("delete uci section failed!\n");
+    lr_write_line(STDOUT_FILENO, "delete uci section failed!\n");
     LR_ERROR_LOG("history_list_mgmt", "delete uci section failed!");
     return -1;
 }

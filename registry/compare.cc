@@ -350,13 +350,11 @@ void settle_history_list_locked() noexcept
     run_callback_pairs(end_of_pass_table, nullptr, nullptr, nullptr);
 }
 
-int compare_client_table(client_table_entry *head) noexcept
+namespace
 {
-    rwlock_try_read_guard table(client_table_lock);
-    if (!table.held()) {
-        printf("============= get client table rd lock failed!!!!=============\n");
-        return -2;
-    }
+
+int compare_entries_locked(const client_table_entry *head) noexcept
+{
     rwlock_write_guard history(history_list_lock);
     bool node_mode = sys_mode_is_node();
     for (const client_table_entry *e = head; e; e = e->next) {
@@ -372,4 +370,30 @@ int compare_client_table(client_table_entry *head) noexcept
     }
     settle_history_list_locked();
     return 0;
+}
+
+int report_table_busy() noexcept
+{
+    lr_write_line(STDOUT_FILENO, "============= get client table rd lock failed!!!!=============\n");
+    return -2;
+}
+
+} // namespace
+
+int compare_client_table(client_table_entry *head) noexcept
+{
+    rwlock_try_read_guard table(client_table_lock);
+    if (!table.held())
+        return report_table_busy();
+    return compare_entries_locked(head);
+}
+
+int compare_scan_list() noexcept
+{
+    rwlock_try_read_guard table(client_table_lock);
+    if (!table.held())
+        return report_table_busy();
+    if (!client_table.head)
+        return 0;
+    return compare_entries_locked(client_table.head);
 }

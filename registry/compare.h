@@ -46,8 +46,13 @@ inline constexpr char NTP_SERVER_FILE[] = "/tmp/NTPServer";
 // Where the registry reads the uptime; sysinfo in the daemon.
 extern int (*registry_sysinfo)(struct sysinfo *info) noexcept;
 
-// 0, or -2 when the table lock is busy.
+// 0, or -2 when the table lock is busy. The caller vouches that `head`
+// outlives the call; for the live scan list use compare_scan_list.
 int compare_client_table(client_table_entry *head) noexcept;
+// The compare pass over the last scan's list, which it reads only once it
+// holds the table's read lock: read before, a whole pass of the other worker
+// could free it in between. Skipped (0) when the list is empty.
+int compare_scan_list() noexcept;
 
 int find_client_for_compare(const client_table_entry *entry, status_event *event) noexcept;
 void default_opt_before_event_callback(status_event *event, const client_table_entry *entry) noexcept;

@@ -11,8 +11,9 @@
 #include <sys/socket.h>
 #include <time.h>
 
-#include "core/unique_fd.h"
 #include "core/locks.h"
+#include "core/stop.h"
+#include "core/unique_fd.h"
 #include "scan/arp.h"
 #include "scan/client_table.h"
 #include "scan/lan_info.h"
@@ -242,7 +243,7 @@ void verify_arp_probes_locked() noexcept
         receive_frames(fd.get());
         if (all_answered())
             break;
-        if (elapsed_ms(start) >= scan_backend.arp_wait_ms)
+        if (elapsed_ms(start) >= scan_backend.arp_wait_ms || lr_stopping())
             break;
     }
     fd.reset();
@@ -268,6 +269,9 @@ void check_remembered_locked() noexcept
     if (!fd)
         return;
     for (struct arp_item &row : arp_item) {
+        // Each check waits up to 150 ms; a stop must not wait for all 256.
+        if (lr_stopping())
+            return;
         if (row.ip == 0 || row.active != 0)
             continue;
         uint32_t ip = row.ip;

@@ -1,11 +1,14 @@
 #include "scan/client_table.h"
 
+
+#include <unistd.h>
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "core/log.h"
 #include "core/text.h"
 #include "scan/arp.h"
 #include "scan/bridge.h"
@@ -49,7 +52,7 @@ client_table_entry *new_entry() noexcept
 {
     auto *e = static_cast<client_table_entry *>(calloc(1, sizeof(client_table_entry)));
     if (!e) {
-        fputs("lanroster: out of memory.\n", stderr);
+        lr_write_line(STDERR_FILENO, "lanroster: out of memory.\n");
         return nullptr;
     }
     e->device_type = -1;
@@ -226,28 +229,28 @@ int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
     int fdb_cap = FDB_RECORDS_START;
     malloc_ptr<uint8_t> fdb(static_cast<uint8_t *>(calloc(fdb_cap, FDB_RAW_RECORD)));
     if (!fdb) {
-        fputs("ARP_sniffer: bridge buff malloc failed.\n", stderr);
+        lr_write_line(STDERR_FILENO, "ARP_sniffer: bridge buff malloc failed.\n");
         return -1;
     }
     uint8_t *raw = fdb.release();
     int records = read_bridges(&raw, &fdb_cap);
     fdb.reset(raw);
     if (records < 0) {
-        fputs("ARP_sniffer: get bridge failed.\n", stderr);
+        lr_write_line(STDERR_FILENO, "ARP_sniffer: get bridge failed.\n");
         return -1;
     }
 
     int dump_cap = NEIGH_DUMP_START;
     dump.reset(static_cast<uint8_t *>(malloc(dump_cap)));
     if (!dump) {
-        fputs("ARP_sniffer: neigh buff malloc failed.\n", stderr);
+        lr_write_line(STDERR_FILENO, "ARP_sniffer: neigh buff malloc failed.\n");
         return -1;
     }
     uint8_t *buf = dump.release();
     dump_len = scan_backend.dump(&buf, &dump_cap);
     dump.reset(buf);
     if (dump_len < 0) {
-        fputs("ARP_sniffer: get neigh failed.\n", stderr);
+        lr_write_line(STDERR_FILENO, "ARP_sniffer: get neigh failed.\n");
         return -1;
     }
     free(pass_leases);

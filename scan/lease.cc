@@ -1,5 +1,6 @@
 #include "scan/lease.h"
 
+
 #include <arpa/inet.h>
 #include <cerrno>
 #include <climits>
@@ -12,6 +13,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include "core/log.h"
 #include "core/text.h"
 
 char lease_file_name[100] = {};
@@ -209,7 +211,7 @@ int read_dhcp_leases(lease_row **rows, int *capacity) noexcept
 {
     file_ptr file(fopen(lease_file_name, "r+"));
     if (!file) {
-        fputs("lanroster: dhcp.leases open error.\n", stderr);
+        lr_write_line(STDERR_FILENO, "lanroster: dhcp.leases open error.\n");
         return 0;
     }
     line_reader lines(file.get());
@@ -224,7 +226,7 @@ int read_dhcp_leases(lease_row **rows, int *capacity) noexcept
             size_t grown = static_cast<size_t>(count) + LEASE_ROWS_STEP;
             auto *bigger = static_cast<lease_row *>(realloc(*rows, grown * sizeof(lease_row)));
             if (!bigger) {
-                fputs("lanroster: out of memory!\n", stderr);
+                lr_write_line(STDERR_FILENO, "lanroster: out of memory!\n");
                 return -2;
             }
             *rows = bigger;
@@ -269,7 +271,7 @@ void read_dhcpv6_leases() noexcept
     lease_lock lock;
     file_ptr file(fopen(DHCPV6_LEASE_FILE, "r+"));
     if (!file) {
-        fputs("lanroster: dhcpv6.leases open error.\n", stderr);
+        lr_write_line(STDERR_FILENO, "lanroster: dhcpv6.leases open error.\n");
         return;
     }
     line_reader lines(file.get());

@@ -1,5 +1,6 @@
 #include "scan/neigh.h"
 
+
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "core/log.h"
 #include "core/unique_fd.h"
 
 namespace
@@ -156,26 +158,26 @@ int dump_neighbours_on(int fd, uint8_t **buffer, int *capacity) noexcept
     for (;;) {
         ssize_t n = recv(fd, dgram, sizeof(dgram), 0);
         if (n < 0) {
-            fputs("ARP_sniffer: netlink receive error\n", stderr);
+            lr_write_line(STDERR_FILENO, "ARP_sniffer: netlink receive error\n");
             return -1;
         }
         if (n == 0) {
-            fputs("ARP_sniffer: EOF on netlink\n", stderr);
+            lr_write_line(STDERR_FILENO, "ARP_sniffer: EOF on netlink\n");
             return -1;
         }
         std::span<const uint8_t> got(dgram, static_cast<size_t>(n));
         neigh_datagram kind = check_neigh_datagram(got);
         if (kind == neigh_datagram::error) {
-            fputs("ARP_sniffer: NLMSG_ERROR\n", stderr);
+            lr_write_line(STDERR_FILENO, "ARP_sniffer: NLMSG_ERROR\n");
             return -1;
         }
         if (kind == neigh_datagram::remnant) {
-            fputs("ARP_sniffer: Remnant of size.\n", stderr);
+            lr_write_line(STDERR_FILENO, "ARP_sniffer: Remnant of size.\n");
             return -1;
         }
         used = append_datagram(buffer, capacity, used, got);
         if (used < 0) {
-            fputs("ARP_sniffer: out of memory!\n", stderr);
+            lr_write_line(STDERR_FILENO, "ARP_sniffer: out of memory!\n");
             return -1;
         }
         if (kind == neigh_datagram::done)
@@ -190,7 +192,7 @@ int dump_neighbours(uint8_t **buffer, int *capacity) noexcept
     local.nl_family = AF_NETLINK;
     local.nl_pid = static_cast<uint32_t>(getpid());
     if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&local), sizeof(local)) < 0) {
-        fputs("ARP_sniffer: netlink socket open error.\n", stderr);
+        lr_write_line(STDERR_FILENO, "ARP_sniffer: netlink socket open error.\n");
         return -1;
     }
     return dump_neighbours_on(fd.get(), buffer, capacity);

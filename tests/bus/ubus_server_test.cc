@@ -514,4 +514,31 @@ TEST(EventDispatch, CopiesHeaderAndPayload)
     std::free(pool->task_queue.head);
 }
 
+TEST(EventDispatch, CopyRefusedByAFullQueueIsFreed)
+{
+    // No workers and a full queue: the dispatcher learns of the refusal and
+    // frees its copy (the leak checker of the sanitizer build sees to it).
+    threadpool pool_record{};
+    threadpool *pool = &pool_record;
+    ASSERT_EQ(threadpool_init(pool, 1), 0);
+    thread_pool = pool;
+    for (int i = 0; i < TASK_QUEUE_MAX; i++) {
+        auto *t = static_cast<threadpool_task *>(std::calloc(1, sizeof(threadpool_task)));
+        ASSERT_EQ(threadpool_add_task(t, pool), 0);
+    }
+    blob_buf b = {};
+    blob_buf_init(&b, 0);
+    blobmsg_add_u32(&b, "online", 1);
+    uint32_t before = event_copies_dropped;
+    event_dispatch(nullptr, nullptr, "lanroster.print_client", b.head);
+    EXPECT_EQ(event_copies_dropped, before + 1);
+    EXPECT_EQ(pool->task_queue.len, TASK_QUEUE_MAX);
+    while (threadpool_task *t = task_dequeue(&pool->task_queue))
+        std::free(t);
+    blob_buf_free(&b);
+    thread_pool = nullptr;
+    std::free(pool->worker_arr);
+    std::free(pool->task_queue.head);
+}
+
 } // namespace

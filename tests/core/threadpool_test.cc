@@ -150,7 +150,7 @@ TEST(TaskQueue, FullQueueDropsAndFreesTheSixtyFifthTask)
     // The 65th is refused and freed by the pool (ASan would report a leak or
     // a double free otherwise); its arg is left to the poster.
     int payload = 0;
-    threadpool_add_task(make_task(nullptr, &payload), p);
+    EXPECT_EQ(threadpool_add_task(make_task(nullptr, &payload), p), -1);
     EXPECT_EQ(p->task_queue.len, 64);
     EXPECT_EQ(p->task_queue.tail, tail);
     EXPECT_EQ(tail->next, nullptr);
@@ -159,7 +159,7 @@ TEST(TaskQueue, FullQueueDropsAndFreesTheSixtyFifthTask)
     EXPECT_EQ(first, tasks[0]);
     free(first);
     threadpool_task *again = make_task(nullptr, nullptr);
-    threadpool_add_task(again, p);
+    EXPECT_EQ(threadpool_add_task(again, p), 0);
     EXPECT_EQ(p->task_queue.len, 64);
     EXPECT_EQ(p->task_queue.tail, again);
     free_queue(p);
