@@ -55,13 +55,16 @@ bool private_world()
         std::perror("private namespaces (run as root)");
         return false;
     }
-    for (const char *d : {"/etc/config", "/var/run", "/var/state"}) {
-        sh((std::string("mkdir -p ") + d).c_str());
+    // Whole throw-away /etc and /var: a directory made on the host's
+    // file system would outlive the namespace.
+    for (const char *d : {"/etc", "/var"}) {
         if (mount("none", d, "tmpfs", 0, "mode=0755") != 0) {
             std::perror(d);
             return false;
         }
     }
+    for (const char *d : {"/etc/config", "/var/run", "/var/state"})
+        mkdir(d, 0755);
     return write_file("/etc/config/network", "config interface 'lan'\n\toption ifname 'br-lan'\n"
                                              "\toption ipaddr '192.168.1.1'\n\toption netmask '255.255.255.0'\n") &&
            write_file("/etc/config/history_list", "") &&
