@@ -1,7 +1,6 @@
 // The vendor library stand-in over the IEEE registries.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -33,14 +32,10 @@ class MacOuiLib : public ::testing::Test
     }
 };
 
-TEST_F(MacOuiLib, LoadsTheSystemRegistriesWellUnderASecond)
+// How long the load takes is measured by build/bench/db_mac_oui_bench.
+TEST_F(MacOuiLib, LoadsTheSystemRegistries)
 {
-    auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(load_mac_oui_database(), 0);
-    auto took = std::chrono::steady_clock::now() - start;
-    // About 25 ms in the optimised build; the sanitizers make it 20 times slower.
-    EXPECT_LT(took, std::chrono::seconds(1));
-    std::printf("registries loaded in %.1f ms\n", std::chrono::duration<double, std::milli>(took).count());
     EXPECT_NE(mac_oui_database_ready(), 0);
     EXPECT_EQ(vendor_of({0x00, 0x00, 0x0c, 0x12, 0x34, 0x56}), "Cisco Systems, Inc");
     EXPECT_EQ(vendor_of({0x3c, 0x5a, 0xb4, 0x00, 0x00, 0x01}), "Google, Inc.");
