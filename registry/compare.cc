@@ -10,6 +10,7 @@
 
 #include "core/log.h"
 #include "core/text.h"
+#include "db/system_info.h"
 #include "registry/history_list_mgmt.h"
 #include "registry/rwlock_guard.h"
 #include "scan/client_table.h"
@@ -48,10 +49,10 @@ bool clock_is_set()
 
 // Whether this node is a mesh agent in repeater mode, the one case in which
 // a scan entry may overwrite the port class of a client reported by a mesh
-// peer. Without the capability snapshot no node is.
+// peer.
 bool mesh_repeater_node()
 {
-    return false;
+    return is_mesh_agent && system_info.sys_mode == SYS_MODE_REPEATER;
 }
 
 void log_event(const client_node *node, int status, bool is_new)
