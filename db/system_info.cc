@@ -62,8 +62,8 @@ uint8_t sys_mode_of(const char *mode)
 
 // One "switch" package of two flags read the same way: a missing option is
 // off; a failed load is reported and leaves the fields.
-int read_switch(const char *package, const char *section, void (*apply)(const loaded_package &p,
-                                                                          const char *section))
+int read_switch(const char *package, const char *section,
+                void (*apply)(const loaded_package &p, const char *section))
 {
     mutex_guard hold(uci_lock);
     loaded_package p(DB_CONFDIR, package);
@@ -206,7 +206,8 @@ int get_access_control() noexcept
 int get_profile_support() noexcept
 {
     const profile_flag flags[] = {
-        {"isHighBandwidthOccupancy", "isHighBandwidthOccupancy", &system_info.support_high_bandwidth_occupancy},
+        {"isHighBandwidthOccupancy", "isHighBandwidthOccupancy",
+         &system_info.support_high_bandwidth_occupancy},
         {"client_speed_limit", "support", &system_info.support_client_speed_limit},
         {"qos", "qos_schedule_support", &system_info.support_qos_schedule},
         {"weavelink", "easymesh_support", &system_info.support_easymesh},

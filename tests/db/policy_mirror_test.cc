@@ -58,7 +58,8 @@ void speed_limits(std::initializer_list<std::tuple<int, const char *, int, int>>
     std::string text;
     for (auto [id, enable, up, down] : rows)
         text += section("client", opt("mac", mac_text(id)) + opt("enable", enable) +
-                                      opt("up_band", std::to_string(up)) + opt("down_band", std::to_string(down)));
+                                      opt("up_band", std::to_string(up)) +
+                                      opt("down_band", std::to_string(down)));
     write_file("/etc/config/client_speed_limit", section("settings 'settings'", opt("enable", "on")) + text);
 }
 
@@ -202,7 +203,8 @@ TEST(PolicyMirror, QosCopiesScheduleAndDefaultsTheOthers)
                        qos_client(1, opt("prio", "on") + opt("prio_time", "60") + opt("time_period", "30") +
                                          opt("schedule_enable", "on") + opt("time_mode", "schedule") +
                                          opt("slots", "2200 2359") + opt("slots_next_day", "0000 0600") +
-                                         opt("status", "on") + opt("repeats", "Mon Tue") + opt("owner_id", "4")));
+                                         opt("status", "on") + opt("repeats", "Mon Tue") +
+                                         opt("owner_id", "4")));
         EXPECT_EQ(update_qos(nullptr), 0);
         client_node *n = node(1);
         EXPECT_EQ(n->prio, 1);
@@ -231,8 +233,9 @@ TEST(PolicyMirror, QosScheduleNeedsTheProfileFlag)
         fresh();
         system_info.support_qos_schedule = 0;
         write_file("/etc/config/lanroster",
-                   qos_client(1, opt("prio", "on") + opt("schedule_enable", "on") + opt("time_mode", "period") +
-                                     opt("slots", "0830 2215") + opt("repeats", "Sun")));
+                   qos_client(1, opt("prio", "on") + opt("schedule_enable", "on") +
+                                     opt("time_mode", "period") + opt("slots", "0830 2215") +
+                                     opt("repeats", "Sun")));
         EXPECT_EQ(update_qos(nullptr), 0);
         EXPECT_EQ(node(1)->prio, 1);
         EXPECT_EQ(node(1)->schedule_enable, 0);
@@ -273,9 +276,10 @@ TEST(PolicyMirror, RealMacWinsInBothReadersShortRealMacDiffers)
 {
     ASSERT_TRUE(run_in_sandbox([] {
         fresh();
-        write_file("/etc/config/lanroster",
-                   section("client", opt("mac", mac_text(1)) + opt("real_mac", mac_text(2)) + opt("prio", "on")) +
-                       section("client", opt("mac", mac_text(3)) + opt("real_mac", "02-00-00") + opt("prio", "on")));
+        write_file(
+            "/etc/config/lanroster",
+            section("client", opt("mac", mac_text(1)) + opt("real_mac", mac_text(2)) + opt("prio", "on")) +
+                section("client", opt("mac", mac_text(3)) + opt("real_mac", "02-00-00") + opt("prio", "on")));
         qos_row *q = nullptr;
         int qn = 0;
         ASSERT_EQ(get_qos(&q, &qn), 0);
@@ -333,7 +337,8 @@ TEST(PolicyMirror, OwnerNamesFollowTheIdsOfQos)
                        section("owner", opt("owner_id", "4") + opt("name", "Ann")) +
                        section("owner", opt("owner_id", "4") + opt("name", "Second Ann")) +
                        section("owner", opt("name", "No id")));
-        write_file("/etc/config/lanroster", qos_client(1, opt("owner_id", "4")) + qos_client(2, opt("owner_id", "5")));
+        write_file("/etc/config/lanroster",
+                   qos_client(1, opt("owner_id", "4")) + qos_client(2, opt("owner_id", "5")));
         // A new owner id brings its name along.
         EXPECT_EQ(update_qos(nullptr), 0);
         EXPECT_STREQ(node(1)->owner_name, "Ann");
@@ -356,8 +361,9 @@ TEST(PolicyMirror, FileClientKeepsFourCharactersAndReadsPrioTimesOnlyWithPrio)
     ASSERT_TRUE(run_in_sandbox([] {
         fresh();
         write_file("/etc/config/lanroster",
-                   qos_client(7, opt("name", "Living room") + opt("type", "Television") + opt("prio_time", "5") +
-                                     opt("time_period", "6") + opt("access_time", "1700000000")) +
+                   qos_client(7, opt("name", "Living room") + opt("type", "Television") +
+                                     opt("prio_time", "5") + opt("time_period", "6") +
+                                     opt("access_time", "1700000000")) +
                        qos_client(8, opt("prio", "on") + opt("prio_time", "5") + opt("time_period", "6")));
         file_client *f = nullptr;
         int n = 0;
@@ -437,9 +443,10 @@ TEST(PolicyMirror, StartFillsTheLoadedRecordsAndBringsBackTheUserType)
         speed_limits({{1, "on", 10, 20}});
         access_control("on", "black", {1});
         write_file("/etc/config/lanroster",
-                   qos_client(1, opt("prio", "on") + opt("owner_id", "2") + opt("client_type_changed", "true") +
-                                     opt("type", "Laptop")));
-        write_file("/etc/config/parental_control_v2", section("owner", opt("owner_id", "2") + opt("name", "Bo")));
+                   qos_client(1, opt("prio", "on") + opt("owner_id", "2") +
+                                     opt("client_type_changed", "true") + opt("type", "Laptop")));
+        write_file("/etc/config/parental_control_v2",
+                   section("owner", opt("owner_id", "2") + opt("name", "Bo")));
         ASSERT_EQ(create_memory_queue(), 1);
         client_node *n = node(1);
         ASSERT_NE(n, nullptr);

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/log.h"
 #include "db/system_info.h"
 #include "registry_test_util.h"
 #include "scan/topology.h"
@@ -28,7 +29,8 @@ void fresh_snapshot()
 
 void sysmode(const char *mode)
 {
-    write_file("/etc/config/sysmode", std::string("config sysmode 'sysmode'\n\toption mode '") + mode + "'\n");
+    write_file("/etc/config/sysmode",
+               std::string("config sysmode 'sysmode'\n\toption mode '") + mode + "'\n");
 }
 
 void meshd(const char *role)
@@ -54,9 +56,10 @@ TEST(SystemInfo, SysModeWordsAndBridgeCountsAsRouter)
     ASSERT_TRUE(run_in_sandbox([] {
         fresh_snapshot();
         const std::pair<const char *, int> cases[] = {
-            {"ap", SYS_MODE_AP}, {"repeater", SYS_MODE_REPEATER}, {"client", SYS_MODE_CLIENT},
-            {"router", SYS_MODE_ROUTER}, {"ap", SYS_MODE_AP}, {"bridge", SYS_MODE_ROUTER},
-            {"AP", SYS_MODE_ROUTER}, {"hotspot", SYS_MODE_ROUTER}};
+            {"ap", SYS_MODE_AP},         {"repeater", SYS_MODE_REPEATER},
+            {"client", SYS_MODE_CLIENT}, {"router", SYS_MODE_ROUTER},
+            {"ap", SYS_MODE_AP},         {"bridge", SYS_MODE_ROUTER},
+            {"AP", SYS_MODE_ROUTER},     {"hotspot", SYS_MODE_ROUTER}};
         for (auto [word, mode] : cases) {
             system_info.sys_mode = 9;
             sysmode(word);
@@ -140,7 +143,8 @@ TEST(SystemInfo, SwitchesMissingOptionIsOffFailedLoadKeeps)
     ASSERT_TRUE(run_in_sandbox([] {
         fresh_snapshot();
         write_file("/etc/config/qos_v2", "config settings 'settings'\n\toption enable 'on'\n");
-        write_file("/etc/config/tfstats", "config switch 'switch'\n\toption enable 'on'\n\toption workaround 'on'\n");
+        write_file("/etc/config/tfstats",
+                   "config switch 'switch'\n\toption enable 'on'\n\toption workaround 'on'\n");
         EXPECT_EQ(update_qos_switch(nullptr), 0);
         EXPECT_EQ(update_tfstats_switch(nullptr), 0);
         EXPECT_EQ(system_info.qos_enable, 1);
@@ -186,12 +190,11 @@ TEST(SystemInfo, ProfileWithoutTheSixTypesSetsNothing)
     ASSERT_TRUE(run_in_sandbox([] {
         fresh_snapshot();
         // Names instead of types, an unknown type, "no" and other words.
-        write_file("/etc/profile.d/profile",
-                   "config other 'qos'\n\toption qos_schedule_support 'yes'\n"
-                   "config factory\n\toption support 'yes'\n"
-                   "config qos\n\toption qos_schedule_support 'no'\n"
-                   "config wireless\n\toption support_mlo_host 'YES'\n"
-                   "config qos_v2\n\tlist gaming_lan_support 'yes'\n");
+        write_file("/etc/profile.d/profile", "config other 'qos'\n\toption qos_schedule_support 'yes'\n"
+                                             "config factory\n\toption support 'yes'\n"
+                                             "config qos\n\toption qos_schedule_support 'no'\n"
+                                             "config wireless\n\toption support_mlo_host 'YES'\n"
+                                             "config qos_v2\n\tlist gaming_lan_support 'yes'\n");
         EXPECT_EQ(get_profile_support(), 0);
         struct system_info zero = {};
         EXPECT_EQ(std::memcmp(&system_info, &zero, sizeof(zero)), 0);
@@ -301,7 +304,8 @@ TEST(SystemInfo, BoardprobeGarbageIsCutToTheFieldsAndTheFirstLine)
 {
     ASSERT_TRUE(run_in_sandbox([] {
         fresh_snapshot();
-        boardprobe("printf 'ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcdefghijklmnopqrstuvwxyz!#$%%&()*\\nsecond\\n'\n");
+        boardprobe(
+            "printf 'ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789abcdefghijklmnopqrstuvwxyz!#$%%&()*\\nsecond\\n'\n");
         EXPECT_EQ(get_device_identity(), 0);
         EXPECT_STREQ(main_device_mac, "ABCDEFGHIJKLMNOPQ");
         EXPECT_EQ(std::strlen(main_device_id), sizeof(main_device_id) - 1);
@@ -350,9 +354,62 @@ TEST(SystemInfo, SelfMacIsTheBridgeAddress)
         EXPECT_STREQ(text, "unchanged");
         EXPECT_EQ(get_device_identity(), 0);
         EXPECT_STREQ(self_mac, "");
-        ASSERT_EQ(system("ip link add br-lan type bridge && ip link set br-lan address 02:1a:2b:3c:4d:5e"), 0);
+        ASSERT_EQ(system("ip link add br-lan type bridge && ip link set br-lan address 02:1a:2b:3c:4d:5e"),
+                  0);
         EXPECT_EQ(get_device_identity(), 0);
         EXPECT_STREQ(self_mac, "021A2B3C4D5E");
+    }));
+}
+
+TEST(SystemInfo, PrintsTheSnapshotInItsOrderAtLevel7)
+{
+    ASSERT_TRUE(run_in_sandbox([] {
+        fresh_snapshot();
+        device_packages();
+        sysmode("ap");
+        boardprobe("case \"$1\" in MAC) echo 02-AA-BB-CC-DD-EE;; DEV_ID) echo DEV123;; esac\n");
+        // Each console line is written on its own (as echo > /dev/console
+        // does): a pipe keeps them all.
+        int console[2];
+        ASSERT_EQ(pipe(console), 0);
+        std::string path = "/proc/self/fd/" + std::to_string(console[1]);
+        lr_console_path = path.c_str();
+        log_level = 7;
+        EXPECT_EQ(get_system_info(), 0);
+        log_level = 2;
+        close(console[1]);
+        std::string text;
+        char buf[4096];
+        for (ssize_t n; (n = read(console[0], buf, sizeof(buf))) > 0;)
+            text.append(buf, static_cast<size_t>(n));
+        close(console[0]);
+        const char *in_order[] = {"[lr] get_system_info\n",
+                                  "access_enable: 1\n",
+                                  "access_mode_black: 1\n",
+                                  "qos_enable: 0\n",
+                                  "support_tfstats: 0\n",
+                                  "support_tfstats_workaround: 0\n",
+                                  "support_high_bandwidth_occupancy: 0\n",
+                                  "support_client_speed_limit: 0\n",
+                                  "support_qos_schedule: 1\n",
+                                  "support_easymesh: 0\n",
+                                  "support_weavelink: 0\n",
+                                  "support_mlo: 0\n",
+                                  "support_gaming_lan: 0\n",
+                                  "main_device_mac: 02-AA-BB-CC-DD-EE\n",
+                                  "main_device_id: DEV123\n",
+                                  "self_mac: "};
+        size_t at = 0;
+        for (const char *want : in_order) {
+            size_t found = text.find(want, at);
+            EXPECT_NE(found, std::string::npos) << want << "\n" << text;
+            if (found != std::string::npos)
+                at = found;
+        }
+        // At the default level nothing of it shows.
+        lr_console_path = "/tmp/console";
+        EXPECT_EQ(get_system_info(), 0);
+        EXPECT_FALSE(file_exists("/tmp/console"));
     }));
 }
 

@@ -34,7 +34,8 @@ bool private_mounts()
         perror("/etc");
         return false;
     }
-    struct stat st {};
+    struct stat st {
+    };
     if (stat("/tmp/.uci", &st) == 0 && mount("none", "/tmp/.uci", "tmpfs", 0, "mode=0700") != 0) {
         perror("/tmp/.uci");
         return false;
