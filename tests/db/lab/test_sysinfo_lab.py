@@ -133,6 +133,24 @@ def test_boardprobe_and_profile_failures(c):
         r = sb.ubus_call("lanroster", "get_hist_list_new", dict(ALL_KEYS, lanroster_file=0))
         c.check(r is not None, "a daemon without an identity answers")
         sb.stop()
+        # boardprobe that floods its output or hangs: start-up goes on after
+        # a bounded wait, with what fits or nothing, and the tool is killed.
+        for what, conf, want_mac in (
+                ("flood", dict(boardprobe={"MAC": {"flood": 10 << 20}, "DEV_ID": "ID"}), "x" * 17),
+                ("hang", dict(boardprobe={"MAC": "02-4C-52-00-00-01", "DEV_ID": "ID"}, boardprobe_hang=True),
+                 "02-4C-52-00-00-01")):
+            sb = lab.sandbox(name=what)
+            sb.set_standin(**conf)
+            c.check(sb.start_ubusd(), f"{what}: ubusd starts")
+            start(sb)
+            lab.add_client(f"pc-{what}", port="lan1", hostname="pc")
+            rows = wait_until(lambda: sb.hist_list(online_type=1), 45)
+            c.check(rows and all(r["connect_device_mac"] == want_mac for r in rows),
+                    f"{what}: connect_device_mac is what fits of the first line", str(rows)[:300])
+            c.check(rows and all(r["connect_device_id"] == "ID" for r in rows), f"{what}: DEV_ID as printed")
+            left = util.run(["pgrep", "-f", sb.dir + "/bin/boardprobe"], check=False).stdout.split()
+            c.equal(left, [], f"{what}: no boardprobe is left running")
+            sb.stop()
         # No factory profile: exit 255 before the bus object exists.
         sb = lab.sandbox(name="noprofile")
         os.unlink(sb.path("/etc/profile.d/profile"))
