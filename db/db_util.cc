@@ -50,10 +50,10 @@ int mac_text_to_bytes17(const char *text, uint8_t out[6]) noexcept
     if (!text || !out || std::strlen(text) != 17)
         return -1;
     int pairs = 0;
-    for (; pairs < 6; pairs++) {
+    for (size_t at = 0; pairs < 6; pairs++, at += 3) {
         // Two characters at most, as "%2hhx" on a copy of the pair: the
         // separator between pairs is never looked at.
-        char pair[3] = {text[pairs * 3], text[pairs * 3 + 1], '\0'};
+        char pair[3] = {text[at], text[at + 1], '\0'};
         unsigned char byte = 0;
         if (std::sscanf(pair, "%hhx", &byte) != 1)
             break;

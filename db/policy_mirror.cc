@@ -202,28 +202,25 @@ void fill_file_client(uci_context *ctx, uci_section *s, file_client &row)
            row.slots[3], row.repeats);
 }
 
-// The records an update works on: all of them under the write lock it takes
-// itself, or those of the list, whose caller holds the lock already.
-class scope_walk
+// The write lock of an update over all records, which takes it itself; an
+// update with a list runs inside its caller's hold.
+class scope_hold
 {
   public:
-    explicit scope_walk(const mac_list *scope) noexcept : scope_(scope)
+    explicit scope_hold(const mac_list *scope) noexcept
     {
-        if (!scope_)
+        if (!scope)
             hold_.emplace(history_list_lock);
-    }
-    template <typename Fn> void each(Fn fn) const
-    {
-        for (client_node *n = get_history_list(); n; n = n->next) {
-            if (!scope_ || mac_in_list(n->mac, scope_))
-                fn(*n);
-        }
     }
 
   private:
-    const mac_list *scope_;
     std::optional<rwlock_write_guard> hold_;
 };
+
+bool in_scope(const mac_list *scope, const client_node &n)
+{
+    return !scope || mac_in_list(n.mac, scope);
+}
 
 template <typename Row> const Row *find_row(const Row *rows, int count, const uint8_t mac[6])
 {
@@ -393,17 +390,20 @@ int update_client_speed_limit(const mac_list *scope) noexcept
         LR_LOG(7, "[lr] get_client_speed_limitfail\n");
         return -1;
     }
-    scope_walk(scope).each([&](client_node &n) {
-        const speed_limit_row *row = find_row(r.rows, r.count, n.mac);
-        n.limit_enable = row && row->enable == 1 ? 1 : 0;
-        n.upload_limit = row ? row->up_band : 0;
-        n.download_limit = row ? row->down_band : 0;
+    scope_hold hold(scope);
+    for (client_node *n = get_history_list(); n; n = n->next) {
+        if (!in_scope(scope, *n))
+            continue;
+        const speed_limit_row *row = find_row(r.rows, r.count, n->mac);
+        n->limit_enable = row && row->enable == 1 ? 1 : 0;
+        n->upload_limit = row ? row->up_band : 0;
+        n->download_limit = row ? row->down_band : 0;
         if (row) {
             char hex[MAC_HEX_TEXT_SIZE];
-            mac_to_hex_text(n.mac, hex);
-            LR_LOG(7, "[lr] update_client_speed_limit mac = %s, upload_limit = %d\n", hex, n.upload_limit);
+            mac_to_hex_text(n->mac, hex);
+            LR_LOG(7, "[lr] update_client_speed_limit mac = %s, upload_limit = %d\n", hex, n->upload_limit);
         }
-    });
+    }
     return 0;
 }
 
@@ -416,7 +416,11 @@ int update_black_list(const mac_list *scope) noexcept
         return -1;
     }
     // An empty list is no failure: it unblocks everyone.
-    scope_walk(scope).each([&](client_node &n) { n.blocked = find_row(r.rows, r.count, n.mac) ? 1 : 0; });
+    scope_hold hold(scope);
+    for (client_node *n = get_history_list(); n; n = n->next) {
+        if (in_scope(scope, *n))
+            n->blocked = find_row(r.rows, r.count, n->mac) ? 1 : 0;
+    }
     return 0;
 }
 
@@ -430,13 +434,16 @@ int update_qos(const mac_list *scope) noexcept
             LR_LOG(7, "fail\n");
             return -1;
         }
-        scope_walk(scope).each([&](client_node &n) {
-            const qos_row *row = find_row(r.rows, r.count, n.mac);
+        scope_hold hold(scope);
+        for (client_node *n = get_history_list(); n; n = n->next) {
+            if (!in_scope(scope, *n))
+                continue;
+            const qos_row *row = find_row(r.rows, r.count, n->mac);
             if (!row)
-                clear_qos(n);
-            else if (apply_qos(n, *row))
+                clear_qos(*n);
+            else if (apply_qos(*n, *row))
                 owner_changed = true;
-        });
+        }
     }
     // The owner's name follows a new id.
     if (!scope && owner_changed)
@@ -453,15 +460,21 @@ int update_parentalctl(const mac_list *scope) noexcept
         LR_LOG(7, "[lr] get_parentalctl fail\n");
         return 0;
     }
-    scope_walk(scope).each([&](client_node &n) {
-        for (int i = 0; i < r.count; i++) {
-            if (r.rows[i].owner_id != -1 && r.rows[i].owner_id == n.owner_id) {
-                copy_str(n.owner_name, r.rows[i].name);
-                LR_LOG(7, "[lr] update pctl mac = %2X-%2X, name = %s", n.mac[0], n.mac[1], n.owner_name);
-                return;
-            }
+    scope_hold hold(scope);
+    for (client_node *n = get_history_list(); n; n = n->next) {
+        if (!in_scope(scope, *n))
+            continue;
+        const owner_row *owner = nullptr;
+        for (int i = 0; i < r.count && !owner; i++) {
+            if (r.rows[i].owner_id != -1 && r.rows[i].owner_id == n->owner_id)
+                owner = &r.rows[i];
         }
-        n.owner_name[0] = '\0';
-    });
+        if (!owner) {
+            n->owner_name[0] = '\0';
+            continue;
+        }
+        copy_str(n->owner_name, owner->name);
+        LR_LOG(7, "[lr] update pctl mac = %2X-%2X, name = %s", n->mac[0], n->mac[1], n->owner_name);
+    }
     return 0;
 }
