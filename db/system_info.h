@@ -2,9 +2,9 @@
 // the identity texts beside it. Read everywhere without a lock: each field
 // is a single value written by one side.
 //
-// The readers that fill the record come with the capability snapshot; until
-// then every field keeps its initial value (a router with no optional
-// feature, an unknown identity).
+// The snapshot is taken once at start; the facts that can change at run
+// time are refreshed by the update_* tasks when their package changes. The
+// factory profile and the identity texts are read only once.
 #pragma once
 
 #include <cstdint>
@@ -40,3 +40,29 @@ extern char main_device_mac[18];
 extern char main_device_id[64];
 // Twelve upper-case hex digits of the MAC of "br-lan".
 extern char self_mac[13];
+
+// The whole snapshot, at start on the main thread: 0, or -1 when the
+// device can't be read (access_control, profile), and the daemon ends.
+int get_system_info() noexcept;
+
+// Refresh tasks (and steps of get_system_info). The argument is ignored.
+// Each holds uci_lock for its whole run; 0, or -1 with the field as it was.
+int update_sysmode(void *arg) noexcept;
+int update_mesh_role(void *arg) noexcept;
+int update_wan_type(void *arg) noexcept;
+int update_qos_switch(void *arg) noexcept;
+int update_tfstats_switch(void *arg) noexcept;
+
+// The one-shot steps.
+int get_access_control() noexcept;
+int get_profile_support() noexcept;
+int get_device_identity() noexcept;
+void print_system_info() noexcept;
+
+// Twelve upper-case hex digits of the MAC of `ifname` into `out` (13
+// bytes); 0, or -1 with `out` untouched.
+int get_if_mac_text(const char *ifname, char *out) noexcept;
+
+// How long "boardprobe" may take to answer before start-up goes on
+// without the identity it would have printed.
+inline constexpr int BOARDPROBE_TIMEOUT_MS = 3000;

@@ -7,6 +7,7 @@
 #include <strings.h>
 
 #include "core/log.h"
+#include "db/policy_mirror.h"
 #include "registry/history_list_mgmt.h"
 
 memory_queue *client_pool = nullptr;
@@ -245,7 +246,10 @@ int create_memory_queue() noexcept
         client_pool = queue;
     }
     load_history_list_config();
-    // The policy mirrors fill their fields here once they exist.
+    update_client_speed_limit(nullptr);
+    update_black_list(nullptr);
+    update_qos(nullptr);
+    update_parentalctl(nullptr);
     ensure_crontab_line();
     return 1;
 }

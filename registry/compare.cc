@@ -10,14 +10,11 @@
 
 #include "core/log.h"
 #include "core/text.h"
+#include "db/system_info.h"
 #include "registry/history_list_mgmt.h"
 #include "registry/rwlock_guard.h"
 #include "scan/client_table.h"
 #include "scan/topology.h"
-
-int (*registry_sysinfo)(struct sysinfo *info) noexcept = [](struct sysinfo *info) noexcept {
-    return sysinfo(info);
-};
 
 namespace
 {
@@ -48,10 +45,10 @@ bool clock_is_set()
 
 // Whether this node is a mesh agent in repeater mode, the one case in which
 // a scan entry may overwrite the port class of a client reported by a mesh
-// peer. Without the capability snapshot no node is.
+// peer.
 bool mesh_repeater_node()
 {
-    return false;
+    return is_mesh_agent && system_info.sys_mode == SYS_MODE_REPEATER;
 }
 
 void log_event(const client_node *node, int status, bool is_new)
@@ -226,14 +223,14 @@ void fill_node_from_entry(client_node *node, const client_table_entry *entry, st
     if (s != STATUS_KEEP_ALIVE && s != STATUS_EVENT_ONLINE && s != STATUS_MESH_ONLINE &&
         s != STATUS_EVENT_OFFLINE) {
         // A connection or a disconnection: all three times are taken.
-        node->access_uptime = registry_sysinfo(&info) == 0 ? static_cast<int32_t>(info.uptime) : 0;
+        node->access_uptime = sysinfo(&info) == 0 ? static_cast<int32_t>(info.uptime) : 0;
         if (s == STATUS_NEW_ACCESS || s == STATUS_RECONNECT)
             node->clock_state = clock_is_set() ? CLOCK_SET : CLOCK_NOT_SET;
         lr_time32 now = static_cast<lr_time32>(time(nullptr));
         node->access_time = now;
         node->first_access_time = now;
         node->leave_time = now;
-    } else if (node->clock_state == CLOCK_NOT_SET && clock_is_set() && registry_sysinfo(&info) == 0) {
+    } else if (node->clock_state == CLOCK_NOT_SET && clock_is_set() && sysinfo(&info) == 0) {
         // The clock was set since the connection: compute the connection
         // time back from the uptime, and have it written once.
         node->access_time = static_cast<lr_time32>(time(nullptr) - (info.uptime - node->access_uptime));

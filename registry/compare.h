@@ -43,9 +43,6 @@ extern const callback_pair end_of_pass_table[];
 // The file whose existence says that the system clock has been set.
 inline constexpr char NTP_SERVER_FILE[] = "/tmp/NTPServer";
 
-// Where the registry reads the uptime; sysinfo in the daemon.
-extern int (*registry_sysinfo)(struct sysinfo *info) noexcept;
-
 // 0, or -2 when the table lock is busy. The caller vouches that `head`
 // outlives the call; for the live scan list use compare_scan_list.
 int compare_client_table(client_table_entry *head) noexcept;

@@ -2,9 +2,6 @@
 
 #include <cstring>
 
-char sys_mode_text[16] = {};
-
-void read_sysmode() noexcept {}
 void read_radio_list() noexcept {}
 void get_lan_wlanif() noexcept {}
 void refresh_stations() noexcept {}

@@ -6,7 +6,10 @@ Every call appends one JSON line to $LANROSTER_LAB_RUN/calls.jsonl with the
 command, its arguments, its standard input and the files it was handed.
 Answers come from $LANROSTER_LAB_RUN/standin.json, which tests may change:
   {"boardprobe": {"MAC": "...", "DEV_ID": "..."}, "online_test_exit": 0,
-   "fing_reply": {...} or null, "exit": {"lua": 0, ...}}"""
+   "fing_reply": {...} or null, "exit": {"lua": 0, ...}}
+A boardprobe answer may also be {"flood": n}: n bytes of "x" and no line
+end; and "boardprobe_hang": true makes it sleep after answering, holding
+its output open, until it is killed."""
 import fcntl
 import json
 import os
@@ -50,10 +53,14 @@ def main():
     record = {"cmd": name, "argv": args, "time": time.time(), "stdin": read_stdin(), "files": {}}
     status = int(conf.get("exit", {}).get(name, 0))
     out = ""
+    hang = False
     if name == "boardprobe":
         value = conf.get("boardprobe", {}).get(args[0] if args else "", None)
+        hang = bool(conf.get("boardprobe_hang"))
         if value is None:
             status = 1
+        elif isinstance(value, dict):
+            out = "x" * int(value.get("flood", 0))
         else:
             out = value + "\n"
     elif name == "online-test":
@@ -82,8 +89,13 @@ def main():
             os.write(fd, line.encode())
         finally:
             os.close(fd)
-    sys.stdout.write(out)
-    sys.stdout.flush()
+    try:
+        sys.stdout.write(out)
+        sys.stdout.flush()
+    except BrokenPipeError:
+        return 141
+    if hang:
+        time.sleep(3600)
     return status
 
 

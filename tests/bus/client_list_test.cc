@@ -15,6 +15,7 @@
 #include "bus_test_util.h"
 #include "db/system_info.h"
 #include "registry/client_node.h"
+#include "registry_test_util.h"
 #include "scan/lan_info.h"
 
 using bus_test::keys_of;
@@ -33,7 +34,6 @@ struct fake_sources {
     std::vector<wireless_station> stations;
     std::vector<fing_info> fing;
     std::vector<device_type_info> categories;
-    std::vector<file_client> file_clients;
     std::vector<uint8_t> heavy, mesh_agents, gaming;
     int file_client_calls = 0;
 };
@@ -63,8 +63,9 @@ int deliver_macs(const std::vector<uint8_t> &macs, uint8_t **out, int *count) no
     return 0;
 }
 
-// The readers of other services are not in yet, so their rows come from
-// here; the clock is fixed so that times read exactly.
+// The readers of other services that are not in yet give their rows from
+// here; the file clients come from the real reader of the daemon's package
+// (counted). The clock is fixed so that times read exactly.
 const hist_source_ops fake_ops = {
     [](tfstats_entry **e, int *c) noexcept { return deliver(fake.tfstats, e, c); },
     [](tfstats_entry **w, tfstats_entry **l, int *wc, int *lc) noexcept {
@@ -80,7 +81,7 @@ const hist_source_ops fake_ops = {
     [](uint8_t **m, int *c) noexcept { return deliver_macs(fake.gaming, m, c); },
     [](file_client **r, int *c) noexcept {
         ++fake.file_client_calls;
-        return deliver(fake.file_clients, r, c);
+        return get_lanroster_file_clients(r, c);
     },
     // The vendor dictionary runs here: the real lookup.
     query_name_by_mac_oui_v2,
@@ -402,56 +403,52 @@ TEST_F(ClientList, SlotsArePaddedForRecordsAndNotForFileClients)
     const uint8_t slots[4] = {8, 5, 22, 30};
     std::memcpy(n.slots, slots, 4);
     n.time_mode = 2;
-    file_client c{};
-    mac_of(9, c.mac);
-    std::memcpy(c.slots, slots, 4);
-    fake.file_clients = {c};
-    auto r = plain(2);
-    r.qos_schedule = 1;
-    r.lanroster_file = 1;
-    auto list = query(r);
-    ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(value_of(list[0], "slots"), "08:05-22:30");
-    EXPECT_EQ(value_of(list[0], "time_mode"), "schedule");
-    auto files = tables_of(reply_buf.head, "file_client_list");
-    ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(value_of(files[0], "slots"), "8:5-22:30");
+    ASSERT_TRUE(regtest::run_in_sandbox([&] {
+        regtest::write_file("/etc/config/lanroster",
+                            "config client\n\toption mac '02-00-00-00-00-09'\n\toption slots '0805 2230'\n");
+        auto r = plain(2);
+        r.qos_schedule = 1;
+        r.lanroster_file = 1;
+        auto list = query(r);
+        ASSERT_EQ(list.size(), 1u);
+        EXPECT_EQ(value_of(list[0], "slots"), "08:05-22:30");
+        EXPECT_EQ(value_of(list[0], "time_mode"), "schedule");
+        auto files = tables_of(reply_buf.head, "file_client_list");
+        ASSERT_EQ(files.size(), 1u);
+        EXPECT_EQ(value_of(files[0], "slots"), "8:5-22:30");
+    }));
 }
 
 TEST_F(ClientList, FileClientTable)
 {
     system_info.support_easymesh = 1;
-    file_client c{};
-    mac_of(9, c.mac);
-    c.prio = 1;
-    c.prio_time = static_cast<int32_t>(NOW + 60);
-    c.owner_id = 3;
-    c.access_time = -1;
-    c.slots[0] = 0xff;
-    file_client agent = c;
-    mac_of(8, agent.mac);
-    file_client named = c;
-    mac_of(7, named.mac);
-    std::strcpy(named.name, "tv");
-    std::memset(named.type, 'x', sizeof(named.type)); // 32 characters, no terminator
-    fake.file_clients = {c, agent, named};
     fake.mesh_agents = macs({8});
-    auto r = plain(2);
-    r.lanroster_file = 1;
-    query(r);
-    auto files = tables_of(reply_buf.head, "file_client_list");
-    ASSERT_EQ(files.size(), 2u);
-    EXPECT_EQ(keys_of(files[0]),
-              (names{"mac", "name", "type", "prio", "prio_time", "time_period", "owner_id", "access_time",
-                     "remainTime", "connect_device_mac", "connect_device_id"}));
-    EXPECT_EQ(value_of(files[0], "name"), "network device");
-    EXPECT_EQ(value_of(files[0], "type"), "UNKNOWN");
-    EXPECT_EQ(value_of(files[0], "prio"), "on");
-    EXPECT_EQ(value_of(files[0], "remainTime"), "60");
-    EXPECT_EQ(value_of(files[0], "connect_device_mac"), "02-AA-00-00-00-01");
-    EXPECT_EQ(value_of(files[1], "mac"), "02-00-00-00-00-07");
-    EXPECT_EQ(value_of(files[1], "name"), "tv");
-    EXPECT_EQ(value_of(files[1], "type"), std::string(32, 'x'));
+    ASSERT_TRUE(regtest::run_in_sandbox([&] {
+        std::string common = "\toption prio 'on'\n\toption prio_time '" + std::to_string(NOW + 60) +
+                             "'\n\toption owner_id '3'\n";
+        regtest::write_file("/etc/config/lanroster",
+                            "config client\n\toption mac '02-00-00-00-00-09'\n" + common +
+                                "config client\n\toption mac '02-00-00-00-00-08'\n" + common +
+                                "config client\n\toption mac '02-00-00-00-00-07'\n\toption name 'tv'\n"
+                                "\toption type 'Television'\n" +
+                                common);
+        auto r = plain(2);
+        r.lanroster_file = 1;
+        query(r);
+        auto files = tables_of(reply_buf.head, "file_client_list");
+        ASSERT_EQ(files.size(), 2u);
+        EXPECT_EQ(keys_of(files[0]),
+                  (names{"mac", "name", "type", "prio", "prio_time", "time_period", "owner_id", "access_time",
+                         "remainTime", "connect_device_mac", "connect_device_id"}));
+        EXPECT_EQ(value_of(files[0], "name"), "network device");
+        EXPECT_EQ(value_of(files[0], "type"), "UNKNOWN");
+        EXPECT_EQ(value_of(files[0], "prio"), "on");
+        EXPECT_EQ(value_of(files[0], "remainTime"), "60");
+        EXPECT_EQ(value_of(files[0], "connect_device_mac"), "02-AA-00-00-00-01");
+        EXPECT_EQ(value_of(files[1], "mac"), "02-00-00-00-00-07");
+        EXPECT_EQ(value_of(files[1], "name"), "tv");
+        EXPECT_EQ(value_of(files[1], "type"), "Tele"); // four characters of a file client
+    }));
 }
 
 TEST_F(ClientList, NamelessClientShowsItsVendor)
@@ -492,18 +489,21 @@ TEST_F(ClientList, GatewayListedOnlyOnARouter)
 TEST_F(ClientList, FileListAbsentWithoutRowsAndUnreadWhenNotAsked)
 {
     add(1, STATUS_ONLINE_LAST_TIME);
-    auto r = plain(2);
-    r.lanroster_file = 1;
-    query(r);
-    EXPECT_EQ(fake.file_client_calls, 1);
-    auto root = bus_test::fields_of(reply_buf.head);
-    ASSERT_EQ(root.size(), 1u);
-    EXPECT_EQ(root[0].first, "client_list");
-    r.lanroster_file = 0;
-    fake.file_clients.resize(1);
-    query(r);
-    EXPECT_EQ(fake.file_client_calls, 1);
-    EXPECT_EQ(bus_test::fields_of(reply_buf.head).size(), 1u);
+    ASSERT_TRUE(regtest::run_in_sandbox([&] {
+        regtest::write_file("/etc/config/lanroster", "config settings 'settings'\n\toption log_level '2'\n");
+        auto r = plain(2);
+        r.lanroster_file = 1;
+        query(r);
+        EXPECT_EQ(fake.file_client_calls, 1);
+        auto root = bus_test::fields_of(reply_buf.head);
+        ASSERT_EQ(root.size(), 1u);
+        EXPECT_EQ(root[0].first, "client_list");
+        r.lanroster_file = 0;
+        regtest::write_file("/etc/config/lanroster", "config client\n\toption mac '02-00-00-00-00-09'\n");
+        query(r);
+        EXPECT_EQ(fake.file_client_calls, 1);
+        EXPECT_EQ(bus_test::fields_of(reply_buf.head).size(), 1u);
+    }));
 }
 
 TEST_F(ClientList, Ipv6OnlyClientNeedsV6)

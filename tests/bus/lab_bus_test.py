@@ -66,7 +66,9 @@ def test_bus_face(c):
             dict(name="cisco", port="lan1", mac=CISCO_MAC, dhcp=False, ip="192.168.1.50"),
             dict(name="phone", port="wl0", hostname="phone")])
         sb = lab.sandbox()
-        sb.write_packages({"history_list": HISTORY})
+        # A factory profile of no optional feature: the keys below are those
+        # every node sends.
+        sb.write_packages({"history_list": HISTORY, "profile": ""})
         c.check(sb.start_ubusd(), "ubusd starts")
         sb.start_daemon()
         sb.wait_bus_object("lanroster", 30)

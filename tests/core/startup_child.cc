@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,7 +35,7 @@ void loop_marker(uloop_timeout *) noexcept
 // The child: bus, console, level, then the start sequence.
 [[noreturn]] void child(int console_fd, const std::string &confdir, void (*prepare)(), bool (*after)())
 {
-    if (!isolate())
+    if (!isolate() || !device_packages())
         _exit(10);
     int ready[2];
     if (pipe(ready) != 0)
@@ -98,6 +99,25 @@ bool isolate()
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         return false;
     return mount("none", "/run", "tmpfs", 0, nullptr) == 0;
+}
+
+bool device_packages()
+{
+    if (mount("none", "/etc", "tmpfs", 0, "mode=0755") != 0)
+        return false;
+    if (mkdir("/etc/config", 0755) != 0 || mkdir("/etc/profile.d", 0755) != 0)
+        return false;
+    FILE *f = std::fopen("/etc/config/access_control", "w");
+    if (!f)
+        return false;
+    std::fputs("config settings 'settings'\n\toption enable 'off'\n\toption access_mode 'black'\n", f);
+    std::fclose(f);
+    f = std::fopen("/etc/profile.d/profile", "w");
+    if (!f)
+        return false;
+    std::fputs("config qos\n\toption qos_schedule_support 'yes'\n", f);
+    std::fclose(f);
+    return true;
 }
 
 run_result run_with_bus(const std::string &confdir, void (*prepare)(), bool (*after)())

@@ -15,6 +15,11 @@ int wait_status(int pid);
 // unless the test starts one) and a fresh network namespace.
 bool isolate();
 
+// In a child that has isolated itself: "/etc" becomes an empty tmpfs with
+// what every device ships: "/etc/config/access_control" and the factory
+// "/etc/profile.d/profile", which the capability snapshot needs at start.
+bool device_packages();
+
 struct run_result {
     int status = 0;      // the child's wait status
     std::string console; // console lines, then the daemon's standard output

@@ -26,6 +26,7 @@
 #include "core/openwrt.h"
 #include "core/threadpool.h"
 #include "core/timers.h"
+#include "registry/client_node.h"
 #include "scan/lan_info.h"
 #include "scan/lease.h"
 #include "tests/core/startup_child.h"
@@ -217,5 +218,27 @@ TEST(LanInfoUci, MissingPackageLeavesLanInfo)
     EXPECT_EQ(err.rfind("network: ", 0), 0u) << err;
     lan_info = saved;
     lan_info_confdir = saved_dir;
+    rmdir(conf.c_str());
+}
+
+// Without the factory profile the device can't be known: main ends with -1
+// (exit status 255) after the bus step and before any record exists.
+TEST(Startup, MissingProfileEndsBeforeAnyRecord)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root for namespaces";
+    if (access(LR_BINARY_DIR "/platform-bin/ubusd", X_OK) != 0)
+        GTEST_SKIP() << "needs the bus daemon of this build";
+    std::string conf = temp_dir();
+    startup_child::run_result run = startup_child::run_with_bus(
+        conf, [] { unlink("/etc/profile.d/profile"); },
+        [] { return client_pool == nullptr && thread_pool == nullptr; });
+    const std::string &text = run.console;
+    ASSERT_TRUE(WIFEXITED(run.status)) << text;
+    // 14: main did not return 0, and no pool or worker was made.
+    EXPECT_EQ(WEXITSTATUS(run.status), 14) << text;
+    EXPECT_NE(text.find("|- [lr] get_system_info\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("|- [lr error] get uci profile\n"), std::string::npos) << text;
+    EXPECT_EQ(text.find("begin to create_client_table"), std::string::npos) << text;
     rmdir(conf.c_str());
 }

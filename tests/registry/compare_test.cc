@@ -6,8 +6,10 @@
 #include <mutex>
 #include <pthread.h>
 #include <thread>
+#include <tuple>
 
 #include "core/timers.h"
+#include "db/system_info.h"
 #include "registry/compare.h"
 #include "registry/history_list_mgmt.h"
 #include "registry_test_util.h"
@@ -20,16 +22,12 @@ namespace {
 
 using ids = std::vector<int>;
 
-long fake_uptime = 1000;
-bool fake_sysinfo_fails = false;
-
-int fake_sysinfo(struct sysinfo *info) noexcept
+long uptime_now()
 {
-    if (fake_sysinfo_fails)
-        return -1;
-    std::memset(info, 0, sizeof(*info));
-    info->uptime = fake_uptime;
-    return 0;
+    struct sysinfo info {
+    };
+    sysinfo(&info);
+    return info.uptime;
 }
 
 client_node *node_of(int id)
@@ -45,15 +43,14 @@ int status_of(int id)
     return n ? n->status : -1;
 }
 
-// Each test starts with a fresh pool, the real clock source swapped for a
-// fixed uptime, and an unknown system mode.
+// Each test starts with a fresh pool, an unknown system mode and the
+// capability record of a router that is no mesh agent's repeater.
 void fresh_registry()
 {
     fresh_pool();
-    registry_sysinfo = fake_sysinfo;
-    fake_uptime = 1000;
-    fake_sysinfo_fails = false;
     sys_mode_text[0] = '\0';
+    system_info = {};
+    is_mesh_agent = true;
 }
 
 TEST(Compare, TablesAreTerminatedAndInOrder)
@@ -83,7 +80,9 @@ TEST(Compare, ClientArrivesStaysLeavesAndComesBack)
         entries e;
         e.add(1, "phone", 2, 0, 0x0a01a8c0);
         e.add(2, "tv");
+        long up_before = uptime_now();
         ASSERT_EQ(compare_client_table(e.head()), 0);
+        long up_after = uptime_now();
         EXPECT_EQ(list_order(), (ids{2, 1}));
         EXPECT_EQ(list_statuses(), (ids{5, 5}));
         auto file = read_history();
@@ -96,7 +95,8 @@ TEST(Compare, ClientArrivesStaysLeavesAndComesBack)
         EXPECT_EQ(s["access_time"], std::to_string(node_of(1)->access_time));
         EXPECT_EQ(s.count("leave_time"), 0u);
         EXPECT_EQ(node_of(1)->clock_state, CLOCK_NOT_SET);
-        EXPECT_EQ(node_of(1)->access_uptime, 1000);
+        EXPECT_GE(node_of(1)->access_uptime, up_before);
+        EXPECT_LE(node_of(1)->access_uptime, up_after);
 
         // Same data: a keep-alive, the file stays as it is.
         std::string before = read_file("/etc/config/history_list");
@@ -304,33 +304,35 @@ TEST(Compare, ClockNotSetThenCorrectedAndWrittenOnce)
         fresh_registry();
         entries e;
         e.add(1, "a");
-        fake_uptime = 1000;
+        long up_before = uptime_now();
         ASSERT_EQ(compare_client_table(e.head()), 0);
         client_node *n = node_of(1);
         EXPECT_EQ(n->clock_state, CLOCK_NOT_SET);
-        EXPECT_EQ(n->access_uptime, 1000);
+        EXPECT_GE(n->access_uptime, up_before);
+        EXPECT_LE(n->access_uptime, uptime_now());
         std::string written = read_history()[hex_mac(1)]["access_time"];
 
         // A keep-alive before the clock is set changes nothing.
-        fake_uptime = 1050;
         ASSERT_EQ(compare_client_table(e.head()), 0);
         EXPECT_EQ(n->clock_state, CLOCK_NOT_SET);
         EXPECT_EQ(read_history()[hex_mac(1)]["access_time"], written);
 
+        // The client came 100 s of uptime ago; then the clock is set.
         write_file(NTP_SERVER_FILE, "");
-        fake_uptime = 1100;
         time_t before = time(nullptr);
+        long up = uptime_now();
+        n->access_uptime = static_cast<int32_t>(up - 100);
         ASSERT_EQ(compare_client_table(e.head()), 0);
         time_t after = time(nullptr);
+        long up_end = uptime_now();
         EXPECT_GE(n->access_time, before - 100);
-        EXPECT_LE(n->access_time, after - 100);
+        EXPECT_LE(n->access_time, after - 100 + (up_end - up));
         EXPECT_EQ(n->clock_state, CLOCK_SET) << "written by the keep-alive row";
         std::string corrected = read_history()[hex_mac(1)]["access_time"];
         EXPECT_EQ(corrected, std::to_string(n->access_time));
 
         // Written once: later keep-alives leave the file alone.
         std::string file = read_file("/etc/config/history_list");
-        fake_uptime = 1200;
         ASSERT_EQ(compare_client_table(e.head()), 0);
         EXPECT_EQ(read_file("/etc/config/history_list"), file);
     }));
@@ -348,17 +350,17 @@ TEST(Compare, ClockSetAtConnection)
     }));
 }
 
-TEST(Compare, ReconnectionWithoutClockAndWithoutSysinfo)
+TEST(Compare, ReconnectionWithoutClockTakesTheUptime)
 {
     ASSERT_TRUE(run_in_sandbox([] {
         fresh_registry();
         client_node *n = add_node(1, STATUS_DISCONNECT);
         n->access_uptime = 77;
-        fake_sysinfo_fails = true;
         entries e;
         e.add(1, "a");
+        long up_before = uptime_now();
         ASSERT_EQ(compare_client_table(e.head()), 0);
-        EXPECT_EQ(n->access_uptime, 0);
+        EXPECT_GE(n->access_uptime, up_before);
         EXPECT_EQ(n->clock_state, CLOCK_NOT_SET);
         EXPECT_EQ(status_of(1), STATUS_ONLINE_LAST_TIME);
     }));
@@ -448,6 +450,34 @@ TEST(Compare, FillFollowsTheTypeFlagsAndTheNameLimits)
     fill_node_from_entry(n, x, &ev);
     EXPECT_EQ(n->wire_type, 2);
     EXPECT_EQ(n->guest, 2);
+}
+
+// The one node that lets a scan overwrite a mesh peer's client: a mesh
+// agent in repeater mode, as its packages say.
+TEST(Compare, MeshAgentRepeaterTakesThePortClassOfItsOwnScan)
+{
+    ASSERT_TRUE(run_in_sandbox([] {
+        fresh_registry();
+        auto node_set = [](const char *mode, const char *role) {
+            write_file("/etc/config/sysmode", std::string("config sysmode 'sysmode'\n\toption mode '") + mode + "'\n");
+            write_file("/etc/config/meshd", std::string("config meshd 'meshd'\n\toption role '") + role + "'\n");
+            ASSERT_EQ(update_sysmode(nullptr), 0);
+            ASSERT_EQ(update_mesh_role(nullptr), 0);
+        };
+        client_node *n = add_node(1, STATUS_ONLINE_LAST_TIME);
+        entries e;
+        client_table_entry *x = e.add(1, "a", 1);
+        status_event ev{.status = STATUS_KEEP_ALIVE, .node = n};
+        const std::tuple<const char *, const char *, int> cases[] = {
+            {"repeater", "controller", 2}, {"ap", "agent", 2}, {"router", "agent", 2}, {"repeater", "agent", 1}};
+        for (auto [mode, role, guest] : cases) {
+            node_set(mode, role);
+            n->is_mesh_client = 1;
+            n->guest = 2;
+            fill_node_from_entry(n, x, &ev);
+            EXPECT_EQ(n->guest, guest) << mode << " " << role;
+        }
+    }));
 }
 
 TEST(Compare, SnapshotCarriesOnlyItsFields)
