@@ -63,9 +63,12 @@ bool private_world()
             return false;
         }
     }
-    for (const char *d : {"/etc/config", "/var/run", "/var/state"})
+    for (const char *d : {"/etc/config", "/etc/profile.d", "/var/run", "/var/state"})
         mkdir(d, 0755);
-    return write_file("/etc/config/network", "config interface 'lan'\n\toption ifname 'br-lan'\n"
+    return write_file("/etc/config/access_control",
+                      "config settings 'settings'\n\toption enable 'off'\n\toption access_mode 'black'\n") &&
+           write_file("/etc/profile.d/profile", "config qos\n\toption qos_schedule_support 'yes'\n") &&
+           write_file("/etc/config/network", "config interface 'lan'\n\toption ifname 'br-lan'\n"
                                              "\toption ipaddr '192.168.1.1'\n\toption netmask '255.255.255.0'\n") &&
            write_file("/etc/config/history_list", "") &&
            sh("ip link set lo up && ip link add br-lan type bridge && "
@@ -104,10 +107,15 @@ int ubus_call(const std::string &cli, const std::string &json)
 
 // The caller: waits until the daemon answers, then mixes the three kinds of
 // `update` call and asks the daemon to stop.
+std::atomic<bool> daemon_ended{false};
+
 void caller(const std::string &cli, std::atomic<int> &failures)
 {
-    while (ubus_call(cli, "{\"print_neigh\":1}") != 0)
+    while (ubus_call(cli, "{\"print_neigh\":1}") != 0) {
+        if (daemon_ended)
+            return;
         usleep(20000);
+    }
     for (int i = 0; i < CALLS; i++) {
         std::string json;
         switch (i % 3) {
@@ -141,6 +149,7 @@ int main()
     local_report_interval = 100;
     std::thread call_thread(caller, bin + "/platform-bin/ubus", std::ref(failures));
     int r = lanroster_main();
+    daemon_ended = true;
     call_thread.join();
     kill(ubusd, SIGTERM);
     waitpid(ubusd, nullptr, 0);
