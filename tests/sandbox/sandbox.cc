@@ -22,7 +22,8 @@ constexpr char console_path[] = "/dev/console";
 
 ino_t mount_namespace()
 {
-    struct stat st {};
+    struct stat st {
+    };
     return stat("/proc/self/ns/mnt", &st) == 0 ? st.st_ino : 0;
 }
 
