@@ -81,10 +81,10 @@ TEST(EventTable, FourNamesInOrderThenTheEnd)
 TEST(Init, NoBusNoDaemon)
 {
     uloop_init();
-    ubus_socket_path = "/nonexistent/ubus.sock";
+    // Nothing listens on the bus socket of the sandbox.
+    ASSERT_TRUE(bus_test::point_bus_at(""));
     EXPECT_EQ(lanroster_ubus_init(), -1);
     EXPECT_EQ(ubus_ctx, nullptr);
-    ubus_socket_path = UBUS_SOCKET_PATH;
     uloop_done();
 }
 
@@ -121,13 +121,13 @@ TEST(Init, TakenNameFailsAndLeavesNothingBehind)
                          .methods = nullptr,
                          .n_methods = 0};
     ASSERT_EQ(ubus_add_object(other, &squat), 0);
-    ubus_socket_path = ubusd.path();
+    ASSERT_TRUE(bus_test::point_bus_at(ubusd.path()));
     EXPECT_EQ(lanroster_ubus_init(), -1);
     EXPECT_EQ(ubus_ctx, nullptr);
     uint32_t id = 0;
     EXPECT_EQ(ubus_lookup_id(other, "lanroster", &id), UBUS_STATUS_NOT_FOUND);
     ubus_free(other);
-    ubus_socket_path = UBUS_SOCKET_PATH;
+    bus_test::point_bus_at("");
     uloop_done();
 }
 

@@ -108,7 +108,8 @@ bool mount_tmpfs(const char *dir)
 
 bool enter()
 {
-    if (!private_mounts() || !mount_tmpfs("/etc") || mkdir("/etc/config", 0755) != 0)
+    if (!private_mounts() || !mount_tmpfs("/etc") || mkdir("/etc/config", 0755) != 0 ||
+        !mount_tmpfs("/var/run"))
         return false;
     // Lives as long as the process; leaves its mount to the namespace's end.
     static console *whole_run = new console(console::file);

@@ -29,8 +29,9 @@ bool in_private_namespace();
 bool mount_tmpfs(const char *dir);
 
 // What the sandbox main does before the first test: private mounts, an empty
-// private "/etc" holding an empty "/etc/config", and a plain file as
-// "/dev/console", so that no line of a test reaches the host's console.
+// private "/etc" holding an empty "/etc/config", an empty "/var/run" (where
+// the bus socket is), and a plain file as "/dev/console", so that no line
+// of a test reaches the host's console.
 bool enter();
 
 // A fresh console bound over "/dev/console" for the object's life.

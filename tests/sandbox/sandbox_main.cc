@@ -1,6 +1,6 @@
 // The main of a test binary whose every test runs in the sandbox: private
-// mounts, an empty "/etc/config" and a console file of its own are in place
-// before the first test (and before any thread) starts.
+// mounts, an empty "/etc/config" and "/var/run" and a console file of its
+// own are in place before the first test (and before any thread) starts.
 #include <gtest/gtest.h>
 
 #include <cstdio>
