@@ -11,7 +11,6 @@
 #include "core/threadpool.h"
 
 ubus_context *ubus_ctx = nullptr;
-const char *ubus_socket_path = UBUS_SOCKET_PATH;
 blob_buf reply_buf = {};
 ubus_event_handler event_listener = {};
 uint32_t event_copies_dropped = 0;
@@ -117,7 +116,7 @@ void drop_connection() noexcept
 int lanroster_ubus_init() noexcept
 {
     LR_LOG(7, "[lr] begin to init lr_ubus\n");
-    ubus_ctx = ubus_connect(ubus_socket_path);
+    ubus_ctx = ubus_connect(UBUS_SOCKET_PATH);
     if (!ubus_ctx) {
         LR_LOG(2, "[lr error] Failed to connect to ubus\n");
         return -1;

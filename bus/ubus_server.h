@@ -14,11 +14,8 @@
 // lanroster_ubus_deinit.
 extern ubus_context *ubus_ctx;
 
+// The socket lanroster_ubus_init connects to.
 inline constexpr char UBUS_SOCKET_PATH[] = "/var/run/ubus.sock";
-
-// The socket lanroster_ubus_init connects to; UBUS_SOCKET_PATH in the
-// daemon, a private one in tests.
-extern const char *ubus_socket_path;
 
 // Connects, publishes both objects, registers the event listener and adds
 // the connection to the loop: 0, or -1 when the bus can't be used. Call

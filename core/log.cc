@@ -11,10 +11,11 @@
 #include <unistd.h>
 
 std::atomic<int32_t> log_level{LOG_LEVEL_DEFAULT};
-const char *lr_console_path = "/dev/console";
 
 namespace
 {
+
+constexpr char console_path[] = "/dev/console";
 
 constexpr char echo_head[] = "echo \"";
 constexpr char echo_tail[] = "\" > /dev/console";
@@ -82,7 +83,7 @@ void emit(const console_line &line)
     if (line.to_console) {
         // ">" opens for writing, creating and truncating; on a terminal the
         // truncation is a no-op.
-        fd = open(lr_console_path, O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0666);
+        fd = open(console_path, O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0666);
         if (fd < 0)
             return;
     }

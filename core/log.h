@@ -20,10 +20,6 @@
 // plain one on every target we build for.
 extern std::atomic<int32_t> log_level;
 
-// Where the console form writes. Always "/dev/console" in the daemon; tests
-// point it at a file of their own.
-extern const char *lr_console_path;
-
 inline constexpr int32_t LOG_LEVEL_DEFAULT = 2;
 
 // The shell command of the console form is built in a buffer of this size,

@@ -21,8 +21,6 @@
 #include "scan/lease.h"
 #include "scan/topology.h"
 
-const char *startup_confdir = "/etc/config";
-
 namespace
 {
 
@@ -56,13 +54,13 @@ void tear_down() noexcept
 
 } // namespace
 
-void read_lease_file_name(const char *confdir, char *out, size_t size) noexcept
+void read_lease_file_name(char *out, size_t size) noexcept
 {
     if (!out || size == 0)
         return;
     std::memset(out, 0, size);
     mutex_guard hold(uci_lock);
-    uci_context_ptr ctx = new_uci_context(confdir);
+    uci_context_ptr ctx = new_uci_context(UCI_CONFIG_DIR);
     if (!ctx)
         return;
     uci_package *pkg = nullptr;
@@ -92,7 +90,7 @@ void load_early_config() noexcept
     read_radio_list();
     read_sysmode();
     update_lan_info_by_uci();
-    read_lease_file_name(startup_confdir, lease_file_name, sizeof(lease_file_name));
+    read_lease_file_name(lease_file_name, sizeof(lease_file_name));
 }
 
 int lanroster_main() noexcept

@@ -10,10 +10,7 @@ int lanroster_main() noexcept;
 // Step 1, which cannot fail as a whole: each reader only reports.
 void load_early_config() noexcept;
 
-// Reads the `dhcp` package from `confdir` and copies the `leasefile` option
-// of every section that has one, in order, over `out`; so the last one
-// wins. On a failed load, uci_perror with "dhcp" and `out` stays empty.
-void read_lease_file_name(const char *confdir, char *out, size_t size) noexcept;
-
-// Where the start reads its packages: "/etc/config".
-extern const char *startup_confdir;
+// Reads the `dhcp` package from "/etc/config" and copies the `leasefile`
+// option of every section that has one, in order, over `out`; so the last
+// one wins. On a failed load, uci_perror with "dhcp" and `out` stays empty.
+void read_lease_file_name(char *out, size_t size) noexcept;

@@ -14,7 +14,10 @@ struct uci_context_free {
 };
 using uci_context_ptr = std::unique_ptr<uci_context, uci_context_free>;
 
-// A context reading packages from `confdir` ("/etc/config" in the daemon).
+// Where the daemon's UCI packages live.
+inline constexpr char UCI_CONFIG_DIR[] = "/etc/config";
+
+// A context reading packages from `confdir` (UCI_CONFIG_DIR in the daemon).
 inline uci_context_ptr new_uci_context(const char *confdir) noexcept
 {
     uci_context_ptr ctx(uci_alloc_context());

@@ -42,10 +42,8 @@ bool ip_in_lan_prefix(std::string_view ip_text, std::string_view lan_ip_text, in
 // white space skipped, then a decimal. -1 when there is none.
 int32_t parse_port_column(std::string_view line) noexcept;
 
-// Where update_lan_info_by_uci reads packages: "/etc/config".
-extern const char *lan_info_confdir;
-
-// Reads the `network` package into lan_info (start-up, bus method).
+// Reads the `network` package of "/etc/config" into lan_info (start-up,
+// bus method).
 void update_lan_info_by_uci() noexcept;
 // Looks the gateway up in the neighbour table and the bridge.
 void get_gateway_mac(const char *gateway_text) noexcept;

@@ -9,8 +9,6 @@
 #include "core/uci_util.h"
 #include "scan/lan_info.h"
 
-const char *lan_info_confdir = "/etc/config";
-
 namespace
 {
 
@@ -61,7 +59,7 @@ void update_lan_info_by_uci() noexcept
     bool has_gateway = false;
     {
         mutex_guard hold(uci_lock);
-        uci_context_ptr ctx = new_uci_context(lan_info_confdir);
+        uci_context_ptr ctx = new_uci_context(UCI_CONFIG_DIR);
         uci_package *pkg = nullptr;
         if (!ctx) {
             // Nothing to read with; lan_info stays as it is.

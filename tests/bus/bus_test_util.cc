@@ -1,8 +1,10 @@
 #include "bus_test_util.h"
 
 #include <cstdlib>
+#include <unistd.h>
 
 #include "bus/ubus_server.h"
+#include "tests/sandbox/sandbox.h"
 
 namespace bus_test
 {
@@ -82,11 +84,20 @@ std::string value_of(const table &t, const std::string &key)
     return "<absent>";
 }
 
+bool point_bus_at(const std::string &socket)
+{
+    if (!sandbox::in_private_namespace()) {
+        ADD_FAILURE() << "the bus tests need the sandbox: lr_add_gtest(... SANDBOX)";
+        return false;
+    }
+    unlink(UBUS_SOCKET_PATH);
+    return socket.empty() || symlink(socket.c_str(), UBUS_SOCKET_PATH) == 0;
+}
+
 BusFixture::BusFixture()
 {
     uloop_init();
-    ubus_socket_path = ubusd_.path();
-    if (lanroster_ubus_init() != 0)
+    if (!point_bus_at(ubusd_.path()) || lanroster_ubus_init() != 0)
         return;
     server_ = new ubus_test::Server(ubus_ctx);
     server_->start();
@@ -109,7 +120,7 @@ BusFixture::~BusFixture()
     if (caller_)
         ubus_free(caller_);
     lanroster_ubus_deinit();
-    ubus_socket_path = UBUS_SOCKET_PATH;
+    point_bus_at("");
     uloop_done();
 }
 

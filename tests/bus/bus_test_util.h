@@ -32,6 +32,11 @@ struct call_result {
     std::vector<std::string> replies; // compact JSON, one per data message
 };
 
+// Points the daemon's fixed socket path at `socket` (a private ubusd's) by
+// a symbolic link; an empty path removes the link. Only in the sandbox
+// (lr_add_gtest(... SANDBOX)), where "/var/run" is the test's own.
+bool point_bus_at(const std::string &socket);
+
 // The daemon's bus face (lanroster_ubus_init) on a private ubusd, served on
 // a thread of its own, plus a second connection that makes the calls.
 class BusFixture

@@ -31,6 +31,7 @@
 #include "core/threadpool.h"
 #include "registry/client_node.h"
 #include "scan/client_table.h"
+#include "tests/sandbox/sandbox.h"
 
 namespace
 {
@@ -45,8 +46,6 @@ void check_reply(ubus_request *, int, blob_attr *msg)
 }
 
 pid_t ubusd_pid = -1;
-std::string ubusd_dir;
-std::string ubusd_socket;
 
 void stop_ubusd()
 {
@@ -54,20 +53,14 @@ void stop_ubusd()
         kill(ubusd_pid, SIGTERM);
         waitpid(ubusd_pid, nullptr, 0);
     }
-    unlink(ubusd_socket.c_str());
-    rmdir(ubusd_dir.c_str());
 }
 
-// Starts build/platform-bin/ubusd on a fresh socket and waits for its
-// readiness byte; the broker dies with this process.
+// Starts build/platform-bin/ubusd on the daemon's socket path (in the
+// sandbox's own "/var/run") and waits for its readiness byte; the broker
+// dies with this process.
 bool start_ubusd()
 {
-    char tmpl[] = "/tmp/lr-fuzz-bus-XXXXXX";
-    if (!mkdtemp(tmpl))
-        return false;
-    ubusd_dir = tmpl;
-    ubusd_socket = ubusd_dir + "/ubus.sock";
-    const std::string &path = ubusd_socket;
+    const char *path = UBUS_SOCKET_PATH;
     int fds[2];
     if (pipe(fds) != 0)
         return false;
@@ -77,7 +70,7 @@ bool start_ubusd()
         close(fds[0]);
         std::string bin = std::string(LR_BINARY_DIR) + "/platform-bin/ubusd";
         std::string fd = std::to_string(fds[1]);
-        execl(bin.c_str(), "ubusd", "-s", path.c_str(), "-R", fd.c_str(), static_cast<char *>(nullptr));
+        execl(bin.c_str(), "ubusd", "-s", path, "-R", fd.c_str(), static_cast<char *>(nullptr));
         _exit(127);
     }
     close(fds[1]);
@@ -111,14 +104,15 @@ uint32_t mac_oui_id = 0;
 
 void connect_bus()
 {
-    if (!start_ubusd())
+    // Private mounts before the first thread: the broker, "/etc/config" and
+    // the console are the harness's own (it needs root).
+    if (!sandbox::enter() || !start_ubusd())
         std::abort();
     uloop_init();
-    ubus_socket_path = ubusd_socket.c_str();
     if (lanroster_ubus_init() != 0)
         std::abort();
     serve_daemon(ubus_ctx);
-    caller = ubus_connect(ubusd_socket.c_str());
+    caller = ubus_connect(UBUS_SOCKET_PATH);
     if (!caller || ubus_lookup_id(caller, "lanroster", &lanroster_id) != 0 ||
         ubus_lookup_id(caller, "mac_oui", &mac_oui_id) != 0)
         std::abort();

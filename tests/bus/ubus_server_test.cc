@@ -1,8 +1,8 @@
 // The bus face on a private ubusd: objects, method tables, the small
-// methods and the event listener.
+// methods and the event listener. The binary runs in the sandbox: its
+// "/etc/config" and "/dev/console" are its own.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -21,6 +21,7 @@
 #include "registry/client_node.h"
 #include "scan/client_table.h"
 #include "scan/lan_info.h"
+#include "tests/sandbox/sandbox.h"
 
 using bus_test::BusFixture;
 
@@ -80,10 +81,10 @@ TEST(EventTable, FourNamesInOrderThenTheEnd)
 TEST(Init, NoBusNoDaemon)
 {
     uloop_init();
-    ubus_socket_path = "/nonexistent/ubus.sock";
+    // Nothing listens on the bus socket of the sandbox.
+    ASSERT_TRUE(bus_test::point_bus_at(""));
     EXPECT_EQ(lanroster_ubus_init(), -1);
     EXPECT_EQ(ubus_ctx, nullptr);
-    ubus_socket_path = UBUS_SOCKET_PATH;
     uloop_done();
 }
 
@@ -120,13 +121,13 @@ TEST(Init, TakenNameFailsAndLeavesNothingBehind)
                          .methods = nullptr,
                          .n_methods = 0};
     ASSERT_EQ(ubus_add_object(other, &squat), 0);
-    ubus_socket_path = ubusd.path();
+    ASSERT_TRUE(bus_test::point_bus_at(ubusd.path()));
     EXPECT_EQ(lanroster_ubus_init(), -1);
     EXPECT_EQ(ubus_ctx, nullptr);
     uint32_t id = 0;
     EXPECT_EQ(ubus_lookup_id(other, "lanroster", &id), UBUS_STATUS_NOT_FOUND);
     ubus_free(other);
-    ubus_socket_path = UBUS_SOCKET_PATH;
+    bus_test::point_bus_at("");
     uloop_done();
 }
 
@@ -318,15 +319,10 @@ TEST_F(MacOuiReq, UnknownVendorAndBadInput)
 
 TEST(LanUpdate, RereadsTheNetworkPackageAndRepliesNothing)
 {
-    char tmpl[] = "/tmp/lr-lan-update-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    std::string dir = tmpl;
-    FILE *f = std::fopen((dir + "/network").c_str(), "w");
+    FILE *f = std::fopen("/etc/config/network", "w");
     ASSERT_NE(f, nullptr);
     std::fputs("config interface 'lan'\n\toption ipaddr '10.9.8.1'\n\toption netmask '255.255.0.0'\n", f);
     std::fclose(f);
-    const char *saved = lan_info_confdir;
-    lan_info_confdir = dir.c_str();
     lan_info = {};
     {
         BusFixture bus;
@@ -337,10 +333,8 @@ TEST(LanUpdate, RereadsTheNetworkPackageAndRepliesNothing)
     }
     EXPECT_STREQ(lan_info.ip, "10.9.8.1");
     EXPECT_EQ(lan_info.prefix_len, 16);
-    lan_info_confdir = saved;
     lan_info = {};
-    std::remove((dir + "/network").c_str());
-    rmdir(dir.c_str());
+    std::remove("/etc/config/network");
 }
 
 // --- methods whose work isn't in yet ----------------------------------------
@@ -360,18 +354,14 @@ TEST(PendingMethods, NoReplyAndStatusZero)
 
 // --- events ---------------------------------------------------------------
 
-// The console as a pipe, so every line stays (the log opens it with
+// The console as a FIFO, so every line stays (the log opens it with
 // truncation for each line), and a pool of one worker.
 class Events : public ::testing::Test
 {
   protected:
     void SetUp() override
     {
-        ASSERT_EQ(pipe2(pipe_, O_CLOEXEC), 0);
-        fcntl(pipe_[0], F_SETFL, O_NONBLOCK);
-        path_ = "/proc/self/fd/" + std::to_string(pipe_[1]);
-        saved_path_ = lr_console_path;
-        lr_console_path = path_.c_str();
+        ASSERT_TRUE(console_.ok());
         saved_level_ = log_level.load();
         log_level = 7;
         pool_ = static_cast<threadpool *>(malloc(sizeof(threadpool)));
@@ -385,10 +375,7 @@ class Events : public ::testing::Test
         drain_pool();
         thread_pool = nullptr;
         threadpool_deinit(pool_);
-        lr_console_path = saved_path_;
         log_level = saved_level_;
-        close(pipe_[0]);
-        close(pipe_[1]);
     }
     // Every task posted before has run once this returns: one worker, FIFO.
     void drain_pool()
@@ -412,16 +399,10 @@ class Events : public ::testing::Test
     }
     std::string console()
     {
-        char buf[65536];
-        ssize_t n;
-        while ((n = read(pipe_[0], buf, sizeof(buf))) > 0)
-            text_.append(buf, static_cast<size_t>(n));
-        return text_;
+        return console_.text();
     }
 
-    int pipe_[2] = {-1, -1};
-    std::string path_, text_;
-    const char *saved_path_ = nullptr;
+    sandbox::console console_{sandbox::console::fifo};
     int32_t saved_level_ = 2;
     threadpool *pool_ = nullptr;
     BusFixture bus_;

@@ -2,12 +2,10 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
-#include <unistd.h>
 
 #include "core/log.h"
 #include "core/openwrt.h"
+#include "tests/sandbox/sandbox.h"
 
 namespace {
 
@@ -24,34 +22,18 @@ void *message_with(const char *key, uint32_t value)
     return copy;
 }
 
+// "/dev/console" is a fresh file of the test's sandbox.
 class SetLogLevel : public ::testing::Test {
 protected:
     void SetUp() override
     {
         saved_ = log_level.load();
-        saved_path_ = lr_console_path;
-        char tmpl[] = "/tmp/lr-level-XXXXXX";
-        int fd = mkstemp(tmpl);
-        close(fd);
-        path_ = tmpl;
-        lr_console_path = path_.c_str();
+        ASSERT_TRUE(console_.ok());
     }
-    void TearDown() override
-    {
-        log_level = saved_;
-        lr_console_path = saved_path_;
-        unlink(path_.c_str());
-    }
-    std::string console()
-    {
-        std::ifstream in(path_);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
+    void TearDown() override { log_level = saved_; }
+    std::string console() { return console_.text(); }
     int32_t saved_ = 2;
-    const char *saved_path_ = nullptr;
-    std::string path_;
+    sandbox::console console_;
 };
 
 }  // namespace

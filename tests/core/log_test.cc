@@ -3,20 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <string>
-#include <unistd.h>
+#include <sys/mount.h>
+
+#include "tests/sandbox/sandbox.h"
 
 namespace {
-
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 log_stamp fixed_stamp()
 {
@@ -52,30 +44,19 @@ std::string text(const console_line &l)
 
 const std::string frame = "2026-11-21 09:05:07.042|level:7| f:12|1234|- ";
 
-// The console is a file of the test; stdout is captured by gtest.
+// "/dev/console" is a fresh file of the test's sandbox; stdout is captured
+// by gtest.
 class ConsoleLog : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/lr-console-XXXXXX";
-        int fd = mkstemp(tmpl);
-        ASSERT_GE(fd, 0);
-        close(fd);
-        path_ = tmpl;
-        saved_path_ = lr_console_path;
+        ASSERT_TRUE(console_.ok());
         saved_level_ = log_level.load();
-        lr_console_path = path_.c_str();
     }
-    void TearDown() override
-    {
-        lr_console_path = saved_path_;
-        log_level = saved_level_;
-        unlink(path_.c_str());
-    }
-    std::string console() const { return slurp(path_); }
+    void TearDown() override { log_level = saved_level_; }
+    std::string console() { return console_.text(); }
 
-    std::string path_;
-    const char *saved_path_ = nullptr;
+    sandbox::console console_;
     int32_t saved_level_ = 2;
 };
 
@@ -218,7 +199,9 @@ TEST_F(ConsoleLog, EachLineReplacesTheFileLikeARedirection)
 TEST_F(ConsoleLog, MissingConsoleIsIgnored)
 {
     log_level = 7;
-    lr_console_path = "/nonexistent-dir/console";
+    // An empty, read-only "/dev": no console, and none can be created.
+    ASSERT_EQ(mount("none", "/dev", "tmpfs", MS_RDONLY, nullptr), 0);
     LR_LOG(7, "nobody hears this");
-    SUCCEED();
+    umount2("/dev", MNT_DETACH);
+    EXPECT_EQ(console(), "");
 }

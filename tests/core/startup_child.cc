@@ -4,8 +4,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
 #include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,7 +15,7 @@
 #include "core/log.h"
 #include "core/openwrt.h"
 #include "core/startup.h"
-#include "scan/lan_info.h"
+#include "tests/sandbox/sandbox.h"
 
 namespace startup_child
 {
@@ -33,7 +34,7 @@ void loop_marker(uloop_timeout *) noexcept
 }
 
 // The child: bus, console, level, then the start sequence.
-[[noreturn]] void child(int console_fd, const std::string &confdir, void (*prepare)(), bool (*after)())
+[[noreturn]] void child(void (*prepare)(), bool (*after)())
 {
     if (!isolate() || !device_packages())
         _exit(10);
@@ -52,16 +53,14 @@ void loop_marker(uloop_timeout *) noexcept
     char b;
     if (read(ready[0], &b, 1) != 1)
         _exit(13);
-    // The error form goes to standard output: unbuffered into the same pipe,
-    // so nothing is lost at _exit.
-    dup2(console_fd, 1);
+    // The error form goes to standard output: unbuffered into the console
+    // FIFO, so nothing is lost at _exit and the order of lines is kept.
+    int console_fd = open("/dev/console", O_WRONLY);
+    if (console_fd < 0 || dup2(console_fd, 1) != 1)
+        _exit(16);
     setvbuf(stdout, nullptr, _IONBF, 0);
-    static std::string console_path = "/proc/self/fd/" + std::to_string(console_fd);
-    lr_console_path = console_path.c_str();
-    startup_confdir = confdir.c_str();
-    lan_info_confdir = confdir.c_str();
     log_level = 7;
-    loop_marker_fd = console_fd;
+    loop_marker_fd = 1;
     static uloop_timeout marker{};
     marker.cb = loop_marker;
     uloop_timeout_set(&marker, 0);
@@ -77,13 +76,6 @@ void loop_marker(uloop_timeout *) noexcept
 
 } // namespace
 
-std::string temp_dir()
-{
-    char tmpl[] = "/tmp/lr-startup-XXXXXX";
-    const char *d = mkdtemp(tmpl);
-    return d ? d : "";
-}
-
 int wait_status(int pid)
 {
     int status = 0;
@@ -94,18 +86,14 @@ int wait_status(int pid)
 
 bool isolate()
 {
-    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0)
-        return false;
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        return false;
-    return mount("none", "/run", "tmpfs", 0, nullptr) == 0;
+    return sandbox::private_mounts() && unshare(CLONE_NEWNET) == 0 && sandbox::mount_tmpfs("/run");
 }
 
 bool device_packages()
 {
-    if (mount("none", "/etc", "tmpfs", 0, "mode=0755") != 0)
-        return false;
-    if (mkdir("/etc/config", 0755) != 0 || mkdir("/etc/profile.d", 0755) != 0)
+    // The test binary's sandbox has a throw-away /etc already.
+    if ((mkdir("/etc/config", 0755) != 0 && errno != EEXIST) ||
+        (mkdir("/etc/profile.d", 0755) != 0 && errno != EEXIST))
         return false;
     FILE *f = std::fopen("/etc/config/access_control", "w");
     if (!f)
@@ -120,41 +108,38 @@ bool device_packages()
     return true;
 }
 
-run_result run_with_bus(const std::string &confdir, void (*prepare)(), bool (*after)())
+run_result run_with_bus(void (*prepare)(), bool (*after)())
 {
     run_result result;
-    int console[2];
-    if (pipe(console) != 0) {
-        result.status = -1;
+    result.status = -1;
+    sandbox::console console(sandbox::console::fifo);
+    if (!console.ok())
         return result;
-    }
     std::fflush(nullptr);
     pid_t pid = fork();
-    if (pid < 0) {
-        result.status = -1;
+    if (pid < 0)
         return result;
-    }
-    if (pid == 0) {
-        close(console[0]);
-        child(console[1], confdir, prepare, after);
-    }
-    close(console[1]);
+    if (pid == 0)
+        child(prepare, after);
     // Read the console until the loop has started, then stop the daemon the
-    // way init does.
-    char buf[4096];
+    // way init does; read on until the child is gone.
     bool signalled = false;
     for (;;) {
-        ssize_t n = read(console[0], buf, sizeof(buf));
-        if (n <= 0)
+        pid_t done = waitpid(pid, &result.status, WNOHANG);
+        result.console = console.text();
+        if (done == pid)
             break;
-        result.console.append(buf, static_cast<size_t>(n));
+        if (done < 0 && errno != EINTR) {
+            result.status = -1;
+            break;
+        }
         if (!signalled && result.console.find("LOOP-RUNNING") != std::string::npos) {
             kill(pid, SIGTERM);
             signalled = true;
         }
+        const timespec tick{0, 10 * 1000 * 1000};
+        nanosleep(&tick, nullptr);
     }
-    close(console[0]);
-    result.status = wait_status(pid);
     return result;
 }
 

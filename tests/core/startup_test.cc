@@ -1,6 +1,7 @@
 // The start sequence, run in a child process with a private mount and
 // network namespace, so that the bus socket and the neighbour table are the
-// test's own.
+// test's own. The whole binary runs in the sandbox: "/etc/config" is an
+// empty directory of its own.
 #include "core/startup.h"
 
 #include <gtest/gtest.h>
@@ -34,7 +35,6 @@
 namespace {
 
 using startup_child::isolate;
-using startup_child::temp_dir;
 using startup_child::wait_status;
 
 void write_file(const std::string &path, const std::string &text)
@@ -62,14 +62,11 @@ TEST(Startup, NoBusSocketFailsBeforeAnyThreadOrTimer)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root for namespaces";
-    std::string conf = temp_dir();
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
         if (!isolate())
             _exit(10);
-        startup_confdir = conf.c_str();
-        lan_info_confdir = conf.c_str();
         int r = lanroster_main();
         if (r != -1)
             _exit(11);
@@ -82,7 +79,6 @@ TEST(Startup, NoBusSocketFailsBeforeAnyThreadOrTimer)
     int status = wait_status(pid);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
-    rmdir(conf.c_str());
 }
 
 TEST(Startup, DaemonWithoutBusExitsWith255)
@@ -110,8 +106,7 @@ TEST(Startup, TraceLevelShowsTheStartLinesAndSigtermTearsDown)
         GTEST_SKIP() << "needs root for namespaces";
     if (access(LR_BINARY_DIR "/platform-bin/ubusd", X_OK) != 0)
         GTEST_SKIP() << "needs the bus daemon of this build";
-    std::string conf = temp_dir();
-    startup_child::run_result run = startup_child::run_with_bus(conf, nullptr, nullptr);
+    startup_child::run_result run = startup_child::run_with_bus(nullptr, nullptr);
     const std::string &text = run.console;
     ASSERT_TRUE(WIFEXITED(run.status)) << text;
     EXPECT_EQ(WEXITSTATUS(run.status), 0) << text;
@@ -131,45 +126,37 @@ TEST(Startup, TraceLevelShowsTheStartLinesAndSigtermTearsDown)
             at = found;
     }
     EXPECT_NE(text.find("|- [lr] enter workloop\n\n"), std::string::npos) << text;
-    rmdir(conf.c_str());
 }
 
 TEST(LeaseFileName, LaterSectionWins)
 {
-    std::string conf = temp_dir();
-    write_file(conf + "/dhcp",
+    write_file("/etc/config/dhcp",
                "config dnsmasq\n\toption leasefile '/tmp/first.leases'\n\n"
                "config dhcp 'lan'\n\toption interface 'lan'\n\n"
                "config dnsmasq\n\toption leasefile '/tmp/dhcp.leases'\n\n"
                "config odhcpd\n\tlist leasefile '/tmp/list-is-ignored'\n");
     char name[100] = "stale";
-    read_lease_file_name(conf.c_str(), name, sizeof(name));
+    read_lease_file_name(name, sizeof(name));
     EXPECT_STREQ(name, "/tmp/dhcp.leases");
-    unlink((conf + "/dhcp").c_str());
-    rmdir(conf.c_str());
+    unlink("/etc/config/dhcp");
 }
 
 TEST(LeaseFileName, MissingPackageLeavesItEmpty)
 {
-    std::string conf = temp_dir();
     char name[100] = "stale";
     testing::internal::CaptureStderr();
-    read_lease_file_name(conf.c_str(), name, sizeof(name));
+    read_lease_file_name(name, sizeof(name));
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_STREQ(name, "");
     EXPECT_EQ(err.rfind("dhcp: ", 0), 0u) << err;
-    rmdir(conf.c_str());
 }
 
 TEST(LanInfoUci, ReadsAddressMaskAndMembers)
 {
-    std::string conf = temp_dir();
-    write_file(conf + "/network",
+    write_file("/etc/config/network",
                "config interface 'lan'\n\toption ipaddr '192.168.8.1'\n\toption netmask '255.255.255.0'\n"
                "\toption ifname 'lo nosuchif0'\n");
     struct lan_info saved = lan_info;
-    const char *saved_dir = lan_info_confdir;
-    lan_info_confdir = conf.c_str();
     lan_info.gateway_port = -1;
     update_lan_info_by_uci();
     EXPECT_STREQ(lan_info.ip, "192.168.8.1");
@@ -183,33 +170,24 @@ TEST(LanInfoUci, ReadsAddressMaskAndMembers)
     EXPECT_EQ(lan_info.gateway_port, -1);
     EXPECT_STREQ(lan_info.gateway, "");
     lan_info = saved;
-    lan_info_confdir = saved_dir;
-    unlink((conf + "/network").c_str());
-    rmdir(conf.c_str());
+    unlink("/etc/config/network");
 }
 
 TEST(LanInfoUci, EmptyMaskKeepsTheOldPrefix)
 {
-    std::string conf = temp_dir();
-    write_file(conf + "/network", "config interface 'lan'\n\toption ipaddr '10.1.1.1'\n\toption netmask '0.0.0.0'\n");
+    write_file("/etc/config/network",
+               "config interface 'lan'\n\toption ipaddr '10.1.1.1'\n\toption netmask '0.0.0.0'\n");
     struct lan_info saved = lan_info;
-    const char *saved_dir = lan_info_confdir;
-    lan_info_confdir = conf.c_str();
     lan_info.prefix_len = 16;
     update_lan_info_by_uci();
     EXPECT_EQ(lan_info.prefix_len, 16);
     lan_info = saved;
-    lan_info_confdir = saved_dir;
-    unlink((conf + "/network").c_str());
-    rmdir(conf.c_str());
+    unlink("/etc/config/network");
 }
 
 TEST(LanInfoUci, MissingPackageLeavesLanInfo)
 {
-    std::string conf = temp_dir();
     struct lan_info saved = lan_info;
-    const char *saved_dir = lan_info_confdir;
-    lan_info_confdir = conf.c_str();
     std::snprintf(lan_info.ip, sizeof(lan_info.ip), "%s", "172.16.0.1");
     testing::internal::CaptureStderr();
     update_lan_info_by_uci();
@@ -217,8 +195,6 @@ TEST(LanInfoUci, MissingPackageLeavesLanInfo)
     EXPECT_STREQ(lan_info.ip, "172.16.0.1");
     EXPECT_EQ(err.rfind("network: ", 0), 0u) << err;
     lan_info = saved;
-    lan_info_confdir = saved_dir;
-    rmdir(conf.c_str());
 }
 
 // Without the factory profile the device can't be known: main ends with -1

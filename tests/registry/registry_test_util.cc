@@ -7,15 +7,13 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
-#include <sched.h>
 #include <sstream>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "core/openwrt.h"
 #include "core/text.h"
+#include "tests/sandbox/sandbox.h"
 
 namespace regtest {
 
@@ -24,31 +22,11 @@ namespace {
 memory_queue test_queue;
 client_node test_nodes[MEMORY_QUEUE_SIZE];
 
-bool mount_tmpfs(const char *where)
+bool install_standins()
 {
-    mkdir(where, 0755);
-    if (mount("none", where, "tmpfs", 0, "mode=0755") != 0) {
-        perror(where);
+    if (!sandbox::private_mounts() || !sandbox::mount_tmpfs("/etc") || !sandbox::mount_tmpfs("/tmp") ||
+        !sandbox::mount_tmpfs("/var"))
         return false;
-    }
-    return true;
-}
-
-bool make_private_root()
-{
-    if (unshare(CLONE_NEWNS) != 0) {
-        perror("unshare(CLONE_NEWNS) (the registry tests need root)");
-        return false;
-    }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        perror("mount --make-rprivate /");
-        return false;
-    }
-    return mount_tmpfs("/etc") && mount_tmpfs("/tmp") && mount_tmpfs("/var");
-}
-
-void install_standins()
-{
     mkdir("/etc/config", 0755);
     mkdir("/etc/crontabs", 0755);
     mkdir("/etc/init.d", 0755);
@@ -60,31 +38,14 @@ void install_standins()
                0755);
     std::string path = std::string("/tmp/bin:") + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin");
     setenv("PATH", path.c_str(), 1);
+    return true;
 }
 
 }  // namespace
 
 bool run_in_sandbox(const std::function<void()> &body)
 {
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid < 0)
-        return false;
-    if (pid == 0) {
-        if (!make_private_root())
-            _exit(2);
-        install_standins();
-        alarm(60);
-        body();
-        fflush(stdout);
-        fflush(stderr);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid)
-        return false;
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return sandbox::in_child(install_standins, body);
 }
 
 void fresh_pool()

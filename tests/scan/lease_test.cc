@@ -8,16 +8,14 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <json-c/json.h>
-#include <sched.h>
 #include <string>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include "core/text.h"
 #include "scan/lease.h"
+#include "tests/sandbox/sandbox.h"
 
 namespace
 {
@@ -33,36 +31,18 @@ void write_file(const char *path, const std::string &text)
     fclose(f);
 }
 
-bool mount_tmpfs(const char *where)
-{
-    mkdir(where, 0755);
-    return mount("none", where, "tmpfs", 0, "mode=0755") == 0;
-}
-
 // Runs `body` in a child whose "/tmp" and "/run" (behind "/var/run") are
 // empty tmpfs mounts, so the readers' fixed paths are throw-away files.
 bool in_private_tmp(const std::function<void()> &body)
 {
-    fflush(stdout);
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid < 0)
-        return false;
-    if (pid == 0) {
-        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            !mount_tmpfs("/tmp") || !mount_tmpfs("/run")) {
-            perror("private /tmp and /run (the lease tests need root)");
-            _exit(2);
-        }
-        mkdir("/var/run", 0755); // a directory where it is not a link to /run
-        alarm(30);
-        body();
-        fflush(stdout);
-        fflush(stderr);
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return sandbox::in_child(
+        [] {
+            if (!sandbox::private_mounts() || !sandbox::mount_tmpfs("/tmp") || !sandbox::mount_tmpfs("/run"))
+                return false;
+            mkdir("/var/run", 0755); // a directory where it is not a link to /run
+            return true;
+        },
+        body);
 }
 
 struct lease_buffer {
