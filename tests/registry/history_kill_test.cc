@@ -25,7 +25,18 @@ using namespace regtest;
 namespace {
 
 constexpr char UCI_TOOL[] = LR_BINARY_DIR "/platform-bin/uci";
+// Sanitizer builds run the loop shorter: the same checks, fewer lives.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr int KILLS = 50;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr int KILLS = 50;
+#else
 constexpr int KILLS = 1000;
+#endif
+#else
+constexpr int KILLS = 1000;
+#endif
 constexpr int KNOWN_AT_START = 300;
 constexpr int ARRIVALS_PER_LIFE = 3;
 // Below the pool's 388 records with a life's arrivals on top, so no client
