@@ -3,9 +3,11 @@
 //
 // Every function takes uci_lock and a fresh UCI context, and frees it. They
 // return 1 for success and 0 for failure unless said otherwise; a failure is
-// printed in the error form and never stops the caller. Each option write is
-// a commit of its own, so the file is current when a function returns; the
-// working copy lives in RAM and reaches flash only through "saveconfig".
+// printed in the error form and never stops the caller. The file is current
+// when a function returns; the working copy lives in RAM and reaches flash
+// only through "saveconfig". A client's section and the full rewrite reach
+// the file in one commit each, so a kill, a full disk or the daily flash
+// save never finds them half-written.
 #pragma once
 
 #include <cstddef>
@@ -45,7 +47,8 @@ int uci_delete_section_by_node(const client_node *node) noexcept;
 // The user's type (-1: leave it) and nickname, then "saveconfig" to flash.
 int save_user_set_to_flash(const uint8_t mac[6], int type_index, const char *nickname) noexcept;
 
-// Rewrites the package from the live list; the time options are lost.
+// Rewrites the package from the live list in one commit; the time options
+// are lost. On failure the file is left as it was.
 int save_history_list() noexcept;
 int clean_config_file() noexcept;
 

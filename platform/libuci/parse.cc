@@ -327,8 +327,16 @@ void apply_entry(uci_context *ctx, uci_package *p, uci_command cmd, uci_ptr &ptr
         return;
     switch (cmd) {
     case UCI_CMD_ADD:
-        if (ptr.value && !ptr.option && valid_type(ptr.value) && valid_name(ptr.section))
+        // An add is a set of the section, as in the library: a section of
+        // that name that is there already (a commit killed after its
+        // rename, before it emptied the change file, left the add behind)
+        // is not added a second time.
+        if (ptr.s && !ptr.option && ptr.value) {
+            if (op_set(ctx, &ptr, nullptr) == UCI_OK && ptr.s)
+                ptr.s->anonymous = true;
+        } else if (ptr.value && !ptr.option && valid_type(ptr.value) && valid_name(ptr.section)) {
             section_new(p, ptr.value, ptr.section)->anonymous = true;
+        }
         break;
     case UCI_CMD_REMOVE:
         op_delete(ctx, &ptr, nullptr);

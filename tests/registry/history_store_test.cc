@@ -191,7 +191,7 @@ TEST(HistoryStore, ReconnectionAfterTheSectionWasDeletedRecreatesIt)
     }));
 }
 
-TEST(HistoryStore, UpdateWritesOneOptionPerCommitAndNicknameOnlyWhenSet)
+TEST(HistoryStore, UpdateCommitsTheSectionAndWritesNicknameOnlyWhenSet)
 {
     ASSERT_TRUE(run_in_sandbox([] {
         client_node n{};
@@ -207,7 +207,7 @@ TEST(HistoryStore, UpdateWritesOneOptionPerCommitAndNicknameOnlyWhenSet)
         EXPECT_EQ(s.count("nickname"), 0u);
         EXPECT_EQ(s["first_access_time"], "100");
         EXPECT_EQ(s["access_time"], "200");
-        // Every option was committed: nothing waits in the save directory.
+        // The section was committed: nothing waits in the save directory.
         EXPECT_EQ(read_file("/tmp/.uci/history_list"), "");
         std::strcpy(n.nickname, "Router!");
         n.first_access_time = 300;

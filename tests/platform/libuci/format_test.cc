@@ -174,3 +174,18 @@ TEST(UciFormat, NamedSectionIsNotMergedIntoAnAnonymousOfTheSameName)
     const std::string text = "\nconfig host\n\nconfig host\n\toption a '1'\n\nconfig host 'cfg02fe63'\n\toption b '2'\n\n";
     EXPECT_EQ(normalise(text), text);
 }
+
+TEST(UciFormat, ReplayedAddOfASectionThatIsThereAddsNoSecondOne)
+{
+    // What a commit killed between its rename and the emptying of the
+    // change file leaves: the file already has the section the change adds.
+    temp_dir dir;
+    write_file(dir / "conf/test", "\nconfig host\n\toption mac '1'\n\nconfig host\n\toption mac '2'\n");
+    write_file(dir / "save/test", "+test.cfg02fe63='host'\ntest.cfg02fe63.mac='2'\n");
+    auto r = run_uci({"-c", dir / "conf", "-t", dir / "save", "export", "test"});
+    EXPECT_EQ(r.out, "package test\n\nconfig host\n\toption mac '1'\n\nconfig host\n\toption mac '2'\n\n");
+    // an add under a new name still adds
+    write_file(dir / "save/test", "+test.cfg03fe63='host'\ntest.cfg03fe63.mac='3'\n");
+    r = run_uci({"-c", dir / "conf", "-t", dir / "save", "export", "test"});
+    EXPECT_NE(r.out.find("option mac '3'"), std::string::npos) << r.out;
+}

@@ -38,8 +38,8 @@ def by_mac(sb):
 
 def wait_file(sb, pred, what, timeout=PASS_TIMEOUT):
     """The package once pred holds and the pass that made it true is done
-    writing: the store commits one option at a time, so a section can be
-    seen half-written. Done means two reads 0.5 s apart agree."""
+    writing: the pass commits one client at a time, so the file can be seen
+    between two of them. Done means two reads 0.5 s apart agree."""
     last = [None]
 
     def check():
