@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "tests/sandbox/sandbox.h"
 #include "core/log.h"
 #include "db/system_info.h"
 #include "registry_test_util.h"
@@ -369,20 +370,13 @@ TEST(SystemInfo, PrintsTheSnapshotInItsOrderAtLevel7)
         sysmode("ap");
         boardprobe("case \"$1\" in MAC) echo 02-AA-BB-CC-DD-EE;; DEV_ID) echo DEV123;; esac\n");
         // Each console line is written on its own (as echo > /dev/console
-        // does): a pipe keeps them all.
-        int console[2];
-        ASSERT_EQ(pipe(console), 0);
-        std::string path = "/proc/self/fd/" + std::to_string(console[1]);
-        lr_console_path = path.c_str();
+        // does): a FIFO keeps them all.
+        sandbox::console console(sandbox::console::fifo);
+        ASSERT_TRUE(console.ok());
         log_level = 7;
         EXPECT_EQ(get_system_info(), 0);
         log_level = 2;
-        close(console[1]);
-        std::string text;
-        char buf[4096];
-        for (ssize_t n; (n = read(console[0], buf, sizeof(buf))) > 0;)
-            text.append(buf, static_cast<size_t>(n));
-        close(console[0]);
+        std::string text = console.text();
         const char *in_order[] = {"[lr] get_system_info\n",
                                   "access_enable: 1\n",
                                   "access_mode_black: 1\n",
@@ -407,9 +401,8 @@ TEST(SystemInfo, PrintsTheSnapshotInItsOrderAtLevel7)
                 at = found;
         }
         // At the default level nothing of it shows.
-        lr_console_path = "/tmp/console";
         EXPECT_EQ(get_system_info(), 0);
-        EXPECT_FALSE(file_exists("/tmp/console"));
+        EXPECT_EQ(console.text(), text);
     }));
 }
 
