@@ -104,5 +104,9 @@ void classify_ipv4_locked(std::span<const uint8_t> dump) noexcept;
 void verify_arp_probes_locked() noexcept;
 void drop_unanswered_probes_locked() noexcept;
 void check_remembered_locked() noexcept;
+// The port phase: bridge port, wire type and guest of each entry.
+void assign_ports_locked() noexcept;
+// Clients upstream of a node that is no router: those on the gateway's port.
+void mark_front_clients_locked() noexcept;
 int name_entries_locked() noexcept;
 void type_entries_locked() noexcept;
