@@ -130,12 +130,6 @@ struct pass_fdb {
 };
 pass_fdb fdb_of_pass;
 
-void free_pass_fdb() noexcept
-{
-    free(fdb_of_pass.entries);
-    fdb_of_pass = pass_fdb{};
-}
-
 // Call sites of the parts that are not in yet. Each has no effect now and
 // keeps its place in the order of the pass.
 void add_hook_stations_locked() {}  // stations of an access point or repeater
@@ -222,20 +216,10 @@ void name_entry(client_table_entry *e)
     copy_str(e->hostname, stored[0] ? std::string_view(stored) : std::string_view(HOSTNAME_FALLBACK));
 }
 
-// Steps 2 to 4: the sources read before anything of the last pass is
-// dropped. Returns 0, or -1 with the message of the failing source.
-int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
-{
-    int lease_cap = LEASE_ROWS_START;
-    malloc_ptr<lease_row> leases(static_cast<lease_row *>(calloc(lease_cap, sizeof(lease_row))));
-    if (!leases)
-        return -1;
-    lease_row *rows = leases.release();
-    int count = scan_backend.read_leases(&rows, &lease_cap);
-    leases.reset(rows);
-    if (count < 0)
-        return -1;
+} // namespace
 
+int read_forwarding_locked() noexcept
+{
     int fdb_cap = FDB_RECORDS_START;
     malloc_ptr<uint8_t> fdb(static_cast<uint8_t *>(calloc(fdb_cap, FDB_RAW_RECORD)));
     if (!fdb) {
@@ -257,6 +241,34 @@ int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
     free_pass_fdb();
     build_fdb_table(fdb.get(), entries.get(), records, fdb_of_pass.buckets);
     fdb_of_pass.entries = entries.release();
+    return 0;
+}
+
+void free_pass_fdb() noexcept
+{
+    free(fdb_of_pass.entries);
+    fdb_of_pass = pass_fdb{};
+}
+
+namespace
+{
+
+// Steps 2 to 4: the sources read before anything of the last pass is
+// dropped. Returns 0, or -1 with the message of the failing source.
+int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
+{
+    int lease_cap = LEASE_ROWS_START;
+    malloc_ptr<lease_row> leases(static_cast<lease_row *>(calloc(lease_cap, sizeof(lease_row))));
+    if (!leases)
+        return -1;
+    lease_row *rows = leases.release();
+    int count = scan_backend.read_leases(&rows, &lease_cap);
+    leases.reset(rows);
+    if (count < 0)
+        return -1;
+
+    if (read_forwarding_locked() < 0)
+        return -1;
 
     int dump_cap = NEIGH_DUMP_START;
     dump.reset(static_cast<uint8_t *>(malloc(dump_cap)));

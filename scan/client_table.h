@@ -104,6 +104,10 @@ void classify_ipv4_locked(std::span<const uint8_t> dump) noexcept;
 void verify_arp_probes_locked() noexcept;
 void drop_unanswered_probes_locked() noexcept;
 void check_remembered_locked() noexcept;
+// The forwarding tables of all bridges, hashed for the port phase: 0, or -1
+// with the message of what failed. free_pass_fdb drops them.
+int read_forwarding_locked() noexcept;
+void free_pass_fdb() noexcept;
 // The port phase: bridge port, wire type and guest of each entry.
 void assign_ports_locked() noexcept;
 // Clients upstream of a node that is no router: those on the gateway's port.
