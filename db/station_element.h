@@ -40,4 +40,3 @@ template <typename E> inline station_element element_view(const E &e) noexcept
     }
     return v;
 }
-

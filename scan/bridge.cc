@@ -65,7 +65,8 @@ int is_bridge(const dirent *d) noexcept
         return 0;
     char path[64 + sizeof(d->d_name)];
     std::snprintf(path, sizeof(path), "%s%s/bridge", sys_net, d->d_name);
-    struct stat st{};
+    struct stat st {
+    };
     return stat(path, &st) == 0 ? 1 : 0;
 }
 
@@ -196,7 +197,8 @@ bool add_port(const char *bridge, uint8_t port_no, const char *ifname) noexcept
 void ports_by_ioctl(const char *bridge) noexcept
 {
     int ifindices[MAX_PORT_SLOTS] = {};
-    unsigned long args[4] = {BRCTL_GET_PORT_LIST, reinterpret_cast<unsigned long>(ifindices), MAX_PORT_SLOTS, 0};
+    unsigned long args[4] = {BRCTL_GET_PORT_LIST, reinterpret_cast<unsigned long>(ifindices), MAX_PORT_SLOTS,
+                             0};
     ifreq ifr{};
     copy_str(ifr.ifr_name, bridge);
     ifr.ifr_data = reinterpret_cast<char *>(args);
@@ -242,7 +244,8 @@ void read_ports(const char *bridge) noexcept
 bool append_bridge(bridge_row &row, uint8_t **buffer, int *capacity, int &total) noexcept
 {
     int cap = FDB_CHUNK;
-    std::unique_ptr<uint8_t, decltype(&free)> own(static_cast<uint8_t *>(malloc(cap * FDB_RAW_RECORD)), free);
+    std::unique_ptr<uint8_t, decltype(&free)> own(
+        static_cast<uint8_t *>(malloc(static_cast<size_t>(cap) * FDB_RAW_RECORD)), free);
     if (!own)
         return true; // this bridge alone is lost
     uint8_t *records = own.release();
@@ -345,8 +348,8 @@ void build_fdb_table(const uint8_t *raw, fdb_entry *entries, int count, fdb_entr
                 running += bridge_table[row].record_count;
         }
         fdb_entry &e = entries[i];
-        parse_fdb_record(std::span<const uint8_t, FDB_RAW_RECORD>(raw + static_cast<size_t>(i) * FDB_RAW_RECORD,
-                                                                  FDB_RAW_RECORD),
+        parse_fdb_record(std::span<const uint8_t, FDB_RAW_RECORD>(
+                             raw + static_cast<size_t>(i) * FDB_RAW_RECORD, FDB_RAW_RECORD),
                          e);
         if (row < bridge_count && row < BRIDGE_ROWS)
             std::memcpy(e.bridge, bridge_table[row].name, sizeof(e.bridge));
@@ -449,8 +452,8 @@ int macs_on_same_port(uint8_t **buffer, int *capacity, const uint8_t mac[6]) noe
         fprintf(stderr, "br_init fail: %s\n", strerror(errno));
         return 1;
     }
-    std::unique_ptr<uint8_t, decltype(&free)> chunk(static_cast<uint8_t *>(malloc(FDB_CHUNK * FDB_RAW_RECORD)),
-                                                    free);
+    std::unique_ptr<uint8_t, decltype(&free)> chunk(
+        static_cast<uint8_t *>(malloc(size_t{FDB_CHUNK} * FDB_RAW_RECORD)), free);
     if (!chunk) {
         fputs("ARP_sniffer: bridge buff malloc failed.\n", stderr);
         br_close();

@@ -233,7 +233,8 @@ int read_forwarding_locked() noexcept
         fputs("ARP_sniffer: get bridge failed.\n", stderr);
         return -1;
     }
-    malloc_ptr<fdb_entry> entries(static_cast<fdb_entry *>(calloc(records > 0 ? records : 1, sizeof(fdb_entry))));
+    malloc_ptr<fdb_entry> entries(
+        static_cast<fdb_entry *>(calloc(records > 0 ? records : 1, sizeof(fdb_entry))));
     if (!entries) {
         fputs("ARP_sniffer: out of memory.\n", stderr);
         return -1;

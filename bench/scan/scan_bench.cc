@@ -23,7 +23,8 @@
 #include "scan/lan_info.h"
 #include "scan/neigh.h"
 
-namespace {
+namespace
+{
 
 std::vector<uint8_t> make_dump(int n)
 {
@@ -91,7 +92,8 @@ BENCHMARK(BM_classify_stations)->Arg(20)->Arg(250);
 // forwarding records spread over them (needs root).
 bool private_lan_of(int clients)
 {
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0)
         return false;
     for (const char *d : {"/etc/config", "/etc/profile.d", "/tmp"}) {
@@ -100,14 +102,16 @@ bool private_lan_of(int clients)
             return false;
     }
     std::string links = "link add br-lan type bridge\n";
-    const char *ports[12] = {"lan1", "lan2", "lan3", "lan4", "lan5", "lan6", "lan7", "lan8", "wl0", "wl1", "wl2", "wl3"};
+    const char *ports[12] = {"lan1", "lan2", "lan3", "lan4", "lan5", "lan6",
+                             "lan7", "lan8", "wl0",  "wl1",  "wl2",  "wl3"};
     for (const char *p : ports)
-        links += std::string("link add ") + p + " type veth peer name " + p + "x\nlink set " + p + " master br-lan\n";
+        links += std::string("link add ") + p + " type veth peer name " + p + "x\nlink set " + p +
+                 " master br-lan\n";
     std::string fdb;
     for (int i = 0; i < clients; i++) {
         char line[96];
-        std::snprintf(line, sizeof(line), "fdb add 02:00:00:00:%02x:%02x dev %s master static\n", i >> 8, i & 255,
-                      ports[i % 12]);
+        std::snprintf(line, sizeof(line), "fdb add 02:00:00:00:%02x:%02x dev %s master static\n", i >> 8,
+                      i & 255, ports[i % 12]);
         fdb += line;
     }
     FILE *f = fopen("/tmp/links", "w");
@@ -117,7 +121,9 @@ bool private_lan_of(int clients)
         return false;
     fputs(links.c_str(), f);
     fputs(fdb.c_str(), g);
-    fputs("config wifi-device 'radio0'\n\toption band '2g'\nconfig wifi-device 'radio1'\n\toption band '5g'\n", w);
+    fputs(
+        "config wifi-device 'radio0'\n\toption band '2g'\nconfig wifi-device 'radio1'\n\toption band '5g'\n",
+        w);
     for (int r = 0; r < 4; r++)
         fprintf(w, "config wifi-iface\n\toption ifname 'wl%d'\n\toption device 'radio%d'\n", r, r % 2);
     fclose(f);
@@ -184,6 +190,6 @@ void BM_suppressed_log(benchmark::State &state)
 }
 BENCHMARK(BM_suppressed_log);
 
-}  // namespace
+} // namespace
 
 BENCHMARK_MAIN();

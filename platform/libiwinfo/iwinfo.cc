@@ -44,7 +44,8 @@ bool safe_name(const char *ifname)
 {
     if (!ifname || !*ifname || std::strlen(ifname) >= IF_NAMESIZE)
         return false;
-    return std::strchr(ifname, '/') == nullptr && std::strcmp(ifname, ".") != 0 && std::strcmp(ifname, "..") != 0;
+    return std::strchr(ifname, '/') == nullptr && std::strcmp(ifname, ".") != 0 &&
+           std::strcmp(ifname, "..") != 0;
 }
 
 bool parse_mac(std::string_view text, uint8_t out[6])
@@ -55,12 +56,16 @@ bool parse_mac(std::string_view text, uint8_t out[6])
         unsigned v = 0;
         for (int j = 0; j < 2; j++) {
             char c = text[static_cast<size_t>(i * 3 + j)];
-            int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+            int d = c >= '0' && c <= '9'   ? c - '0'
+                    : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                    : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                           : -1;
             if (d < 0)
                 return false;
             v = v * 16 + static_cast<unsigned>(d);
         }
-        if (i < 5 && text[static_cast<size_t>(i * 3 + 2)] != ':' && text[static_cast<size_t>(i * 3 + 2)] != '-')
+        if (i < 5 && text[static_cast<size_t>(i * 3 + 2)] != ':' &&
+            text[static_cast<size_t>(i * 3 + 2)] != '-')
             return false;
         out[i] = static_cast<uint8_t>(v);
     }
@@ -121,9 +126,9 @@ bool set_field(struct iwinfo_assoclist_entry &e, std::string_view key, std::stri
         const char *key;
         uint32_t *field;
     } const plain[] = {
-        {"inactive", &e.inactive},     {"rx_packets", &e.rx_packets}, {"tx_packets", &e.tx_packets},
-        {"rx_rate", &e.rx_rate.rate}, {"tx_rate", &e.tx_rate.rate}, {"rx_bytes", &e.rx_bytes},
-        {"tx_bytes", &e.tx_bytes},     {"connected_time", &e.connected_time},
+        {"inactive", &e.inactive},    {"rx_packets", &e.rx_packets},         {"tx_packets", &e.tx_packets},
+        {"rx_rate", &e.rx_rate.rate}, {"tx_rate", &e.tx_rate.rate},          {"rx_bytes", &e.rx_bytes},
+        {"tx_bytes", &e.tx_bytes},    {"connected_time", &e.connected_time},
     };
     for (const auto &p : plain)
         if (key == p.key)
@@ -225,7 +230,8 @@ int no_probe(const char *)
 
 void no_close() {}
 
-iwinfo_ops make_ops(const char *name, int (*probe)(const char *), int (*assoclist)(const char *, char *, int *))
+iwinfo_ops make_ops(const char *name, int (*probe)(const char *),
+                    int (*assoclist)(const char *, char *, int *))
 {
     iwinfo_ops ops{};
     ops.name = name;

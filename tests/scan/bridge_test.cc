@@ -186,8 +186,8 @@ TEST(BridgeReaders, ManyRecordsAreReadInChunks)
         std::string batch;
         for (int i = 0; i < 150; i++) {
             char line[96];
-            std::snprintf(line, sizeof(line), "fdb add 02:00:00:01:%02x:%02x dev lan1 master static\n", i / 256,
-                          i % 256);
+            std::snprintf(line, sizeof(line), "fdb add 02:00:00:01:%02x:%02x dev lan1 master static\n",
+                          i / 256, i % 256);
             batch += line;
         }
         scantest::write_file("/tmp/fdb.batch", batch);
@@ -199,7 +199,8 @@ TEST(BridgeReaders, ManyRecordsAreReadInChunks)
         fdb_table t(raw, n);
         int found = 0;
         for (int i = 0; i < 150; i++) {
-            const uint8_t mac[6] = {0x02, 0, 0, 0x01, static_cast<uint8_t>(i / 256), static_cast<uint8_t>(i % 256)};
+            const uint8_t mac[6] = {
+                0x02, 0, 0, 0x01, static_cast<uint8_t>(i / 256), static_cast<uint8_t>(i % 256)};
             const fdb_entry *e = fdb_find(t.buckets, mac);
             found += e && port_name(e) == "lan1";
         }
@@ -214,8 +215,7 @@ TEST(BridgeReaders, MoreThanPortnumMembersStopAt64WithOneError)
         std::string batch;
         for (int i = 0; i < 66; i++)
             batch += "link add d" + std::to_string(i) + " type veth peer name x" + std::to_string(i) +
-                     "\nlink set d" + std::to_string(i) +
-                     " master br-lan\n";
+                     "\nlink set d" + std::to_string(i) + " master br-lan\n";
         scantest::write_file("/tmp/links.batch", batch);
         ASSERT_TRUE(sh("ip -batch /tmp/links.batch"));
         raw_records raw;

@@ -100,7 +100,8 @@ TEST(PortPhase, ActiveStationWithOneNeighbourNeedsNoArp)
         client("s2", "wl1", "02:00:00:00:0b:02", "192.168.1.21", false);
         client("s3", "lan3", "02:00:00:00:0b:03", "192.168.1.22", false);
         mkdir("/var/run/iwinfo", 0755);
-        write_file("/var/run/iwinfo/wl0", "mac=02:00:00:00:0b:01 inactive=100\nmac=02:00:00:00:0b:03 inactive=70000\n");
+        write_file("/var/run/iwinfo/wl0",
+                   "mac=02:00:00:00:0b:01 inactive=100\nmac=02:00:00:00:0b:03 inactive=70000\n");
         write_file("/var/run/iwinfo/wl1", "mac=02:00:00:00:0b:02 inactive=59999\n");
         read_radio_list();
         ASSERT_EQ(create_client_table(), 2);
@@ -159,11 +160,12 @@ TEST(PortPhase, FrontClientsOfANodeAreMarkedUpstream)
         router();
         // The gateway and a second host share the port lan9.
         client("gw", "lan9", "02:00:00:00:0c:01", "192.168.1.254");
-        ASSERT_TRUE(sh("ip netns exec gw sysctl -qw net.ipv4.conf.all.arp_ignore=1 && "
-                       "ip -n gw link add link gwe name gwmv address 02:00:00:00:0c:02 type macvlan mode bridge && "
-                       "ip -n gw addr add 192.168.1.30/24 dev gwmv && ip -n gw link set gwmv up && "
-                       "ip neigh replace 192.168.1.30 lladdr 02:00:00:00:0c:02 dev br-lan nud reachable && "
-                       "bridge fdb replace 02:00:00:00:0c:02 dev lan9 master static"));
+        ASSERT_TRUE(
+            sh("ip netns exec gw sysctl -qw net.ipv4.conf.all.arp_ignore=1 && "
+               "ip -n gw link add link gwe name gwmv address 02:00:00:00:0c:02 type macvlan mode bridge && "
+               "ip -n gw addr add 192.168.1.30/24 dev gwmv && ip -n gw link set gwmv up && "
+               "ip neigh replace 192.168.1.30 lladdr 02:00:00:00:0c:02 dev br-lan nud reachable && "
+               "bridge fdb replace 02:00:00:00:0c:02 dev lan9 master static"));
         client("c1", "lan1", "02:00:00:00:0a:01", "192.168.1.10");
         read_radio_list();
         std::strcpy(lan_info.gateway, "192.168.1.254");

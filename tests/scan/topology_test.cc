@@ -167,7 +167,8 @@ TEST(ClassifyPort, WeavelinkSections)
 TEST(ClassifyPort, AMeshKeyNamingNoSectionMatchesEveryWeavelinkPort)
 {
     EXPECT_TRUE(in_private_lan([] {
-        write_file("/etc/profile.d/profile", "config wireless\n\toption wireless_mesh_ifname_5g 'nosection'\n");
+        write_file("/etc/profile.d/profile",
+                   "config wireless\n\toption wireless_mesh_ifname_5g 'nosection'\n");
         write_file("/etc/config/weavelink", weavelink);
         write_file("/etc/config/wireless", wireless);
         EXPECT_EQ(classify("wlx0"), (port_class{2, 2}));
@@ -349,11 +350,14 @@ TEST(Stations, ActiveWithin60sFromEnabledRadiosOnly)
                                           "\n"
                                           "mac=02:00:00:00:10:03 inactive=60000\n");
         write_file("/var/run/iwinfo/wl1", "mac=02:00:00:00:11:01 inactive=0\n");
-        write_file("/var/run/iwinfo/wl2", "mac=02:00:00:00:12:01 inactive=0\nmac=02:00:00:00:12:02 colour=red\n");
+        write_file("/var/run/iwinfo/wl2",
+                   "mac=02:00:00:00:12:01 inactive=0\nmac=02:00:00:00:12:02 colour=red\n");
         write_file("/var/run/iwinfo/wl3", "mac=02:00:00:00:13:01 inactive=5\n");
         refresh_stations();
-        const uint8_t s1[6] = {2, 0, 0, 0, 0x10, 1}, s2[6] = {2, 0, 0, 0, 0x10, 2}, s3[6] = {2, 0, 0, 0, 0x10, 3};
-        const uint8_t off[6] = {2, 0, 0, 0, 0x11, 1}, bad[6] = {2, 0, 0, 0, 0x12, 1}, w3[6] = {2, 0, 0, 0, 0x13, 1};
+        const uint8_t s1[6] = {2, 0, 0, 0, 0x10, 1}, s2[6] = {2, 0, 0, 0, 0x10, 2},
+                      s3[6] = {2, 0, 0, 0, 0x10, 3};
+        const uint8_t off[6] = {2, 0, 0, 0, 0x11, 1}, bad[6] = {2, 0, 0, 0, 0x12, 1},
+                      w3[6] = {2, 0, 0, 0, 0x13, 1};
         EXPECT_EQ(station_is_active(s1), 1);
         EXPECT_EQ(station_is_active(s2), 0);
         EXPECT_EQ(station_is_active(s3), 1);

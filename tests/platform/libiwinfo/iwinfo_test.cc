@@ -54,10 +54,11 @@ TEST(IwinfoBackend, AssoclistGivesBytesOfElements)
 {
     EXPECT_TRUE(in_private_lan([] {
         mkdir("/var/run/iwinfo", 0755);
-        write_file("/var/run/iwinfo/wl0",
-                   "mac=02:00:00:00:10:01 inactive=1200 signal=-45 rx_rate=866700 tx_rate=650000\n"
-                   "# a multi-link station, seen on its 2.4 GHz link\n"
-                   "mac=02:00:00:00:10:02 mlo_addr=02:00:00:00:99:01 mlo_rx_2g=1000 mlo_tx_2g=900 rx_bytes=7\n");
+        write_file(
+            "/var/run/iwinfo/wl0",
+            "mac=02:00:00:00:10:01 inactive=1200 signal=-45 rx_rate=866700 tx_rate=650000\n"
+            "# a multi-link station, seen on its 2.4 GHz link\n"
+            "mac=02:00:00:00:10:02 mlo_addr=02:00:00:00:99:01 mlo_rx_2g=1000 mlo_tx_2g=900 rx_bytes=7\n");
         write_file("/var/run/iwinfo/wl1", "");
         const iwinfo_ops *ops = iwinfo_backend("wl0");
         ASSERT_NE(ops, nullptr);
@@ -90,9 +91,14 @@ TEST(IwinfoBackend, AFileThatDoesNotParseGivesNoStations)
     EXPECT_TRUE(in_private_lan([] {
         mkdir("/var/run/iwinfo", 0755);
         const char *bad[] = {
-            "mac=02:00:00:00:10:01 signal=-200\n", "mac=02:00:00:00:10\n",       "inactive=5\n",
-            "mac=02:00:00:00:10:01 speed=1\n",     "mac=02:00:00:00:10:01 oops\n", "mac=zz:00:00:00:10:01\n",
-            "mac=02:00:00:00:10:01 rx_rate=-1\n",  "mac=02:00:00:00:10:01 rx_rate=99999999999\n",
+            "mac=02:00:00:00:10:01 signal=-200\n",
+            "mac=02:00:00:00:10\n",
+            "inactive=5\n",
+            "mac=02:00:00:00:10:01 speed=1\n",
+            "mac=02:00:00:00:10:01 oops\n",
+            "mac=zz:00:00:00:10:01\n",
+            "mac=02:00:00:00:10:01 rx_rate=-1\n",
+            "mac=02:00:00:00:10:01 rx_rate=99999999999\n",
         };
         std::vector<char> buf(IWINFO_BUFSIZE);
         for (const char *text : bad) {
