@@ -19,17 +19,6 @@ struct client_table client_table = {nullptr, nullptr};
 pthread_rwlock_t client_table_lock = PTHREAD_RWLOCK_INITIALIZER;
 struct arp_item arp_item[ARP_ITEM_ROWS] = {};
 
-const scan_ops scan_backend_default = {
-    .read_leases = read_dhcp_leases,
-    .dump = dump_neighbours,
-    .station_is_active = station_is_active,
-    .open_arp_socket = open_arp_socket,
-    .open_send_socket = open_arp_send_socket,
-    .send_arp = send_arp_request,
-    .arp_check = arp_check,
-    .arp_wait_ms = ARP_WAIT_MS,
-};
-scan_ops scan_backend = scan_backend_default;
 
 client_table_entry *find_entry_by_mac(const uint8_t mac[6]) noexcept
 {
@@ -263,7 +252,7 @@ int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
     if (!leases)
         return -1;
     lease_row *rows = leases.release();
-    int count = scan_backend.read_leases(&rows, &lease_cap);
+    int count = read_dhcp_leases(&rows, &lease_cap);
     leases.reset(rows);
     if (count < 0)
         return -1;
@@ -278,7 +267,7 @@ int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
         return -1;
     }
     uint8_t *buf = dump.release();
-    dump_len = scan_backend.dump(&buf, &dump_cap);
+    dump_len = dump_neighbours(&buf, &dump_cap);
     dump.reset(buf);
     if (dump_len < 0) {
         fputs("ARP_sniffer: get neigh failed.\n", stderr);

@@ -100,4 +100,53 @@ std::string capture_stdout(const std::function<void()> &fn)
     return out;
 }
 
+void lan_router()
+{
+    ASSERT_TRUE(sh("ip link add br-lan type bridge && ip link set br-lan address 02:4c:52:00:00:01 && "
+                   "ip addr add 192.168.1.1/24 dev br-lan && ip link set br-lan up"));
+}
+
+void lan_host(const std::string &name, const std::string &port, const std::string &mac,
+              const std::vector<std::string> &ips, bool answers_arp)
+{
+    std::string eth = name + "e";
+    ASSERT_TRUE(sh("ip netns add " + name));
+    ASSERT_TRUE(sh("ip link add " + port + " type veth peer name " + eth + " && ip link set " + port +
+                   " master br-lan && ip link set " + port + " up"));
+    std::string cmd = "ip link set " + eth + " netns " + name + " && ip -n " + name + " link set " + eth +
+                      " address " + mac + " && ip -n " + name + " link set " + eth + " up";
+    for (size_t i = 0; i < ips.size(); i++)
+        cmd += " && ip -n " + name + " addr add " + ips[i] + (i == 0 ? "/24" : "/32") + " dev " + eth;
+    if (!answers_arp)
+        cmd += " && ip -n " + name + " link set " + eth + " arp off";
+    ASSERT_TRUE(sh(cmd));
+    ASSERT_TRUE(sh("bridge fdb replace " + mac + " dev " + port + " master static"));
+}
+
+void lan_neigh(const std::string &ip, const std::string &mac, const std::string &state)
+{
+    std::string ll = mac.empty() ? "" : " lladdr " + mac;
+    ASSERT_TRUE(sh("ip neigh replace " + ip + ll + " dev br-lan nud " + state));
+}
+
+pid_t in_netns(const std::string &name, const std::function<int()> &fn)
+{
+    fflush(stdout);
+    fflush(stderr);
+    pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    int fd = open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || setns(fd, CLONE_NEWNET) != 0)
+        _exit(3);
+    close(fd);
+    _exit(fn());
+}
+
+bool wait_child(pid_t pid)
+{
+    int status = 0;
+    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 } // namespace scantest

@@ -33,32 +33,20 @@ config wifi-iface
 
 void router()
 {
-    ASSERT_TRUE(sh("ip link add br-lan type bridge && ip link set br-lan address 02:4c:52:00:00:01 && "
-                   "ip addr add 192.168.1.1/24 dev br-lan && ip link set br-lan up"));
+    scantest::lan_router();
     std::strcpy(lan_info.ip, "192.168.1.1");
     lan_info.prefix_len = 24;
     write_file("/etc/config/wireless", wireless);
     write_file("/etc/config/weavelink", "");
 }
 
-// A client namespace `name` behind bridge port `port`, with MAC and address.
+// A client namespace `name` behind bridge port `port`, with MAC, address
+// and a neighbour entry of the router.
 void client(const std::string &name, const std::string &port, const std::string &mac, const std::string &ip,
             bool answers_arp = true)
 {
-    std::string eth = name + "e";
-    ASSERT_TRUE(sh("ip netns add " + name));
-    ASSERT_TRUE(sh("ip link add " + port + " type veth peer name " + eth + " && ip link set " + port +
-                   " master br-lan && ip link set " + port + " up"));
-    ASSERT_TRUE(sh("ip link set " + eth + " netns " + name + " && ip -n " + name + " link set " + eth +
-                   " address " + mac + " && ip -n " + name + " addr add " + ip + "/24 dev " + eth +
-                   " && ip -n " + name + " link set " + eth + " up"));
-    // The pass reads the forwarding table before it sends ARP; a client
-    // that has spoken before is there, as this static record says.
-    ASSERT_TRUE(sh("bridge fdb replace " + mac + " dev " + port + " master static"));
-    if (!answers_arp) {
-        ASSERT_TRUE(sh("ip -n " + name + " link set " + eth + " arp off"));
-    }
-    ASSERT_TRUE(sh("ip neigh replace " + ip + " lladdr " + mac + " dev br-lan nud reachable"));
+    scantest::lan_host(name, port, mac, {ip}, answers_arp);
+    scantest::lan_neigh(ip, mac);
 }
 
 const client_table_entry *entry(uint8_t last)
