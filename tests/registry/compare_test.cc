@@ -177,7 +177,6 @@ TEST(Compare, GuestOrPortChangeIsAReconnection)
     }));
 }
 
-
 TEST(Compare, AnEmptyScanListIsNotCompared)
 {
     ASSERT_TRUE(run_in_sandbox([] {
