@@ -75,7 +75,8 @@ bool private_lan_of(int clients)
         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0)
         return false;
-    for (const char *d : {"/etc/config", "/etc/profile.d", "/tmp", "/run"}) {
+    // /etc first, so that nothing is made in the host's /etc.
+    for (const char *d : {"/etc", "/etc/config", "/etc/profile.d", "/tmp", "/run"}) {
         mkdir(d, 0755);
         if (mount("none", d, "tmpfs", 0, "mode=0755") != 0)
             return false;

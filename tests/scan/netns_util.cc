@@ -30,8 +30,10 @@ bool enter_private_lan()
         return false;
     if (mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0)
         return false;
-    if (!mount_tmpfs("/etc/config") || !mount_tmpfs("/etc/profile.d") || !mount_tmpfs("/tmp") ||
-        !mount_tmpfs("/run"))
+    // A tmpfs over all of /etc: the package directories are made in it, and
+    // nothing is ever created in the host's /etc.
+    if (!mount_tmpfs("/etc") || !mount_tmpfs("/etc/config") || !mount_tmpfs("/etc/profile.d") ||
+        !mount_tmpfs("/tmp") || !mount_tmpfs("/run"))
         return false;
     mkdir("/var/run", 0755); // a directory where it is not a link to /run
     return sh("ip link set lo up");

@@ -1,6 +1,7 @@
 // A private LAN for the scan tests: a child process with a network and a
 // mount namespace of its own, where "/sys" shows only its interfaces and
-// "/etc/config", "/etc/profile.d", "/tmp" and "/run" are empty tmpfs mounts.
+// "/etc" (with "/etc/config" and "/etc/profile.d"), "/tmp" and "/run" are
+// empty tmpfs mounts.
 // Bridges, veths, neighbours and packages made there are real and vanish
 // with the child.
 #pragma once
