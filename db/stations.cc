@@ -156,3 +156,29 @@ int get_wireless_info(wireless_station **rows, int *count) noexcept
     table.publish(rows, count);
     return 0;
 }
+
+void print_assoc_entry(const iwinfo_assoclist_entry *element) noexcept
+{
+    if (!element)
+        return;
+    station_element v = element_view(*element);
+    LR_LOG(7, "print_assoc_entry");
+    LR_LOG(7, "MAC: %02X:%02X:%02X:%02X:%02X:%02X\n", v.mac[0], v.mac[1], v.mac[2], v.mac[3], v.mac[4],
+           v.mac[5]);
+    LR_LOG(7, "Signal: %d dBm\n", v.signal);
+    LR_LOG(7, "RX Rate: %u bps\n", v.rxrate);
+    LR_LOG(7, "TX Rate: %u bps\n", v.txrate);
+    if (!system_info.support_mlo)
+        return;
+    LR_LOG(7, "MLO 2G Valid: %u\n", v.link_valid[0]);
+    LR_LOG(7, "MLO 2G RX Rate: %u bps\n", v.link_rx[0]);
+    LR_LOG(7, "MLO 2G TX Rate: %u bps\n", v.link_tx[0]);
+    LR_LOG(7, "MLO 5G Valid: %u\n", v.link_valid[1]);
+    LR_LOG(7, "MLO 5G RX Rate: %u bps\n", v.link_rx[1]);
+    LR_LOG(7, "MLO 5G TX Rate: %u bps\n", v.link_tx[1]);
+    LR_LOG(7, "MLO 6G Valid: %u\n", v.link_valid[2]);
+    LR_LOG(7, "MLO 6G RX Rate: %u bps\n", v.link_rx[2]);
+    LR_LOG(7, "MLO 6G TX Rate: %u bps\n", v.link_tx[2]);
+    LR_LOG(7, "MLO Addr: %02X:%02X:%02X:%02X:%02X:%02X\n", v.mlo_addr[0], v.mlo_addr[1], v.mlo_addr[2],
+           v.mlo_addr[3], v.mlo_addr[4], v.mlo_addr[5]);
+}

@@ -3,9 +3,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "../scan/netns_util.h"
+#include "core/log.h"
 #include "core/text.h"
 #include "core/openwrt.h"
 #include "db/station_element.h"
@@ -193,4 +196,38 @@ TEST(WirelessInfo, AnElementWithoutLinkFieldsReadsThemAsZero)
     EXPECT_EQ(std::memcmp(v.mlo_addr, zero, 6), 0);
     EXPECT_EQ(v.link_valid[0] + v.link_valid[1] + v.link_valid[2], 0);
     EXPECT_EQ(v.link_rx[1], 0u);
+}
+
+TEST(WirelessInfo, PrintAssocEntryAtLevel7)
+{
+    EXPECT_TRUE(in_private_lan([] {
+        // Each console line opens the console anew and truncates it: read
+        // the lines through a FIFO, as the lab does.
+        ASSERT_EQ(mkfifo("/tmp/console", 0600), 0);
+        int reader = open("/tmp/console", O_RDONLY | O_NONBLOCK);
+        ASSERT_GE(reader, 0);
+        lr_console_path = "/tmp/console";
+        log_level = 7;
+        system_info.support_mlo = 1;
+        iwinfo_assoclist_entry e{};
+        e.mac[5] = 0x0a;
+        e.signal = -41;
+        e.rx_rate.rate = 1200;
+        e.mlo_valid_5g = 1;
+        e.mlo_rx_rate_5g.rate = 2400;
+        e.mlo_addr[0] = 0x02;
+        print_assoc_entry(&e);
+        print_assoc_entry(nullptr);
+        std::string text;
+        char buf[4096];
+        ssize_t n;
+        while ((n = read(reader, buf, sizeof(buf))) > 0)
+            text.append(buf, static_cast<size_t>(n));
+        close(reader);
+        for (const char *line :
+             {"print_assoc_entry", "MAC: 00:00:00:00:00:0A", "Signal: -41 dBm", "RX Rate: 1200 bps",
+              "TX Rate: 0 bps", "MLO 2G Valid: 0", "MLO 5G Valid: 1", "MLO 5G RX Rate: 2400 bps",
+              "MLO 6G TX Rate: 0 bps", "MLO Addr: 02:00:00:00:00:00"})
+            EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
+    }));
 }
