@@ -9,6 +9,8 @@ packages, and Wi-Fi stations from the iwinfo stand-in's station files.
   keys come from the station rows.
 - An active station with one neighbour entry gets no ARP frame; a wired
   client beside it does (both captured in the clients' namespaces).
+- A bridge of 65 members: the port table stops at 64 rows with one error
+  line, and the client beyond them has no port.
 - lanroster_trace (the daemon with the level preset to 7) shows the
   start-up lines "update wlanif", printed before any event can raise the
   level.
@@ -186,4 +188,37 @@ def test_active_station_needs_no_arp(c):
         c.check(dashed(pc.mac) in roster, "the wired client is online")
 
 
-labtest.main([test_every_port_class, test_startup_wlanif_lines, test_active_station_needs_no_arp])
+def test_more_members_than_the_port_table(c):
+    with Lab() as lab:
+        # 65 clients, each on a port of its own: one bridge member too many.
+        clients = lab.add_clients([dict(name=f"d{i}", dhcp=False) for i in range(65)])
+        sb = lab.sandbox()
+        if not sb.start_ubusd():
+            c.check(False, "ubusd built")
+            return
+        started_at = time.monotonic()
+        sb.start_daemon()
+        sb.wait_bus_object("lanroster", 40)
+        roster = {r["mac"]: r for r in sb.hist_list(online_type=1)}
+        c.equal(len(roster), 65, "every client is online")
+        members = {cl.port.name for cl in clients}
+        portless = [r for r in roster.values() if not r.get("ifname")]
+        c.equal(len(portless), 1, "the client of the member beyond 64 rows has no port")
+        c.equal(len({r["ifname"] for r in roster.values() if r.get("ifname")}), 64,
+                "the other 64 show their own port")
+        c.check(all(r["ifname"] in members for r in roster.values() if r.get("ifname")),
+                "each port shown is a bridge member")
+        if portless:
+            c.equal((portless[0]["wire_type"], portless[0]["guest"]), ("wired", "UNKONW"),
+                    "no port: wire type 0 and guest 0")
+        # The line has no newline: the daemon's buffered standard output
+        # shows it once the daemon exits.
+        sb.stop_daemon()
+        passes = 1 + int((time.monotonic() - started_at) // 14)
+        error = "Error: count2(64) >= PORTNUM(64)"
+        c.check(1 <= sb.stdout().count(error) <= passes,
+                f"the port table's error once per pass ({sb.stdout().count(error)} in {passes} pass(es) at most)")
+
+
+labtest.main([test_every_port_class, test_startup_wlanif_lines, test_active_station_needs_no_arp,
+              test_more_members_than_the_port_table])
