@@ -12,6 +12,7 @@
 #include "registry/client_node.h"
 #include "registry/rwlock_guard.h"
 #include "scan/lan_info.h"
+#include "scan/topology.h"
 
 namespace
 {
@@ -47,8 +48,10 @@ void print_lan_info(void *message) noexcept
     int ifnum = lan_info.ifnum < LAN_IF_ROWS ? lan_info.ifnum : LAN_IF_ROWS;
     for (int i = 0; i < ifnum; ++i)
         LR_LOG(6, "lan ifname:%s, idx:%d", lan_info.ifname[i], lan_info.ifindex[i]);
-    // The rows "port(%d) info:ifname:%s, wired:%d, guest:%d" of the port
-    // table join here with the interface classes.
+    int ports = port_count < PORT_INFO_ROWS ? port_count : PORT_INFO_ROWS;
+    for (int i = 0; i < ports; ++i)
+        LR_LOG(6, "port(%d) info:ifname:%s, wired:%d, guest:%d", i, port_info_table[i].ifname,
+               port_info_table[i].wire_type, port_info_table[i].guest);
 }
 
 void print_client(void *message) noexcept

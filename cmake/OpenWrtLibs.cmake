@@ -21,11 +21,8 @@ set_property(TARGET lr::blobmsg_json APPEND PROPERTY INTERFACE_LINK_LIBRARIES lr
 set_property(TARGET lr::ubus APPEND PROPERTY INTERFACE_LINK_LIBRARIES lr::ubox)
 set_property(TARGET lr::uci APPEND PROPERTY INTERFACE_LINK_LIBRARIES lr::ubox)
 
-find_path(IWINFO_INCLUDE_DIR iwinfo.h)
-find_library(IWINFO_LIBRARY iwinfo)
-if(IWINFO_INCLUDE_DIR AND IWINFO_LIBRARY)
-  lr_import_openwrt(lr::iwinfo iwinfo.h iwinfo)
-endif()
+lr_import_openwrt(lr::iwinfo iwinfo.h iwinfo)
+set_property(TARGET lr::iwinfo APPEND PROPERTY INTERFACE_LINK_LIBRARIES lr::uci lr::ubus)
 find_path(MAC_OUI_INCLUDE_DIR mac_oui.h)
 find_library(MAC_OUI_LIBRARY mac-oui)
 if(MAC_OUI_INCLUDE_DIR AND MAC_OUI_LIBRARY)

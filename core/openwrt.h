@@ -10,4 +10,5 @@ extern "C" {
 #include <libubox/blobmsg_json.h>
 #include <libubus.h>
 #include <uci.h>
+#include <iwinfo.h>
 }

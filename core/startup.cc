@@ -32,10 +32,16 @@ int new_client_asscess_init() noexcept
     return 0;
 } // netlink and driver event sockets
 void close_event_sockets() noexcept {}
-void iwinfo_finish_hook() noexcept {}
+void iwinfo_finish_hook() noexcept
+{
+    iwinfo_finish();
+}
 
 // Port count of the interface table; starts at 0 on every start.
-void reset_port_count() noexcept {}
+void reset_port_count() noexcept
+{
+    port_count = 0;
+}
 
 void tear_down() noexcept
 {

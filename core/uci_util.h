@@ -14,8 +14,9 @@ struct uci_context_free {
 };
 using uci_context_ptr = std::unique_ptr<uci_context, uci_context_free>;
 
-// Where the daemon's UCI packages live.
+// Where the daemon's UCI packages live, and the factory profile.
 inline constexpr char UCI_CONFIG_DIR[] = "/etc/config";
+inline constexpr char PROFILE_CONFDIR[] = "/etc/profile.d";
 
 // A context reading packages from `confdir` (UCI_CONFIG_DIR in the daemon).
 inline uci_context_ptr new_uci_context(const char *confdir) noexcept

@@ -6,10 +6,10 @@
 #include <string_view>
 
 #include "core/openwrt.h"
+#include "core/uci_util.h"
 
-// Where the packages of the other services lie, and the factory profile.
-inline constexpr char DB_CONFDIR[] = "/etc/config";
-inline constexpr char PROFILE_CONFDIR[] = "/etc/profile.d";
+// Where the packages of the other services lie.
+inline constexpr const char *DB_CONFDIR = UCI_CONFIG_DIR;
 
 // Thin layers on uci_lookup_next; nullptr when the lookup fails.
 uci_option *uci_find_option(uci_context *ctx, uci_section *section, const char *name) noexcept;

@@ -21,3 +21,8 @@ struct wireless_station {
 
 // 0 with a fresh array the caller frees, or -1 with nothing delivered.
 int get_wireless_info(wireless_station **rows, int *count) noexcept;
+
+// Diagnostic print of one station element of the iwinfo backend, at level
+// 7; not on the data path.
+struct iwinfo_assoclist_entry;
+void print_assoc_entry(const iwinfo_assoclist_entry *element) noexcept;

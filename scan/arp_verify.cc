@@ -18,6 +18,7 @@
 #include "scan/client_table.h"
 #include "scan/lan_info.h"
 #include "scan/neigh.h"
+#include "scan/topology.h"
 
 arp_probe *arp_probe_list = nullptr;
 pthread_mutex_t arp_probe_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -116,7 +117,7 @@ void classify_ipv4_locked(std::span<const uint8_t> dump) noexcept
         if (!in_lan(ip))
             continue;
         const uint8_t *mac = m.lladdr.data();
-        if (scan_backend.station_is_active(mac) == 1 && count_lan_addresses(dump, mac) < 2) {
+        if (station_is_active(mac) == 1 && count_lan_addresses(dump, mac) < 2) {
             add_entry(ip, mac);
             continue;
         }
@@ -138,7 +139,7 @@ int32_t replied(const arp_probe *p)
 // not answered yet; a failed send is tried once more at once.
 void *arp_sender(void *) noexcept
 {
-    unique_fd fd(scan_backend.open_send_socket());
+    unique_fd fd(open_arp_send_socket());
     if (!fd)
         return nullptr;
     for (int round = 0; round < 2; round++) {
@@ -148,8 +149,8 @@ void *arp_sender(void *) noexcept
             uint32_t ip = 0;
             if (inet_pton(AF_INET, p->ip_text, &ip) != 1)
                 continue;
-            if (scan_backend.send_arp(fd.get(), ip, p->mac) < 0)
-                scan_backend.send_arp(fd.get(), ip, p->mac);
+            if (send_arp_request(fd.get(), ip, p->mac) < 0)
+                send_arp_request(fd.get(), ip, p->mac);
         }
     }
     return nullptr;
@@ -231,7 +232,7 @@ void verify_arp_probes_locked() noexcept
 {
     if (!arp_probe_list)
         return;
-    unique_fd fd(scan_backend.open_arp_socket());
+    unique_fd fd(open_arp_socket());
     if (!fd)
         return;
     pthread_t sender;
@@ -243,7 +244,7 @@ void verify_arp_probes_locked() noexcept
         receive_frames(fd.get());
         if (all_answered())
             break;
-        if (elapsed_ms(start) >= scan_backend.arp_wait_ms || lr_stopping())
+        if (elapsed_ms(start) >= ARP_WAIT_MS || lr_stopping())
             break;
     }
     fd.reset();
@@ -265,7 +266,7 @@ void drop_unanswered_probes_locked() noexcept
 
 void check_remembered_locked() noexcept
 {
-    unique_fd fd(scan_backend.open_arp_socket());
+    unique_fd fd(open_arp_socket());
     if (!fd)
         return;
     for (struct arp_item &row : arp_item) {
@@ -280,11 +281,11 @@ void check_remembered_locked() noexcept
         bool keep;
         if (!in_lan(ip))
             keep = false;
-        else if (scan_backend.station_is_active(mac) == 1)
+        else if (station_is_active(mac) == 1)
             keep = true;
         else
-            keep = scan_backend.arp_check(fd.get(), ip, mac, ARP_CHECK_FIRST_MS) == 1 ||
-                   scan_backend.arp_check(fd.get(), ip, mac, ARP_CHECK_SECOND_MS) == 1;
+            keep = arp_check(fd.get(), ip, mac, ARP_CHECK_FIRST_MS) == 1 ||
+                   arp_check(fd.get(), ip, mac, ARP_CHECK_SECOND_MS) == 1;
         if (!keep) {
             row = {};
             continue;

@@ -10,8 +10,10 @@
 
 #include "core/log.h"
 #include "core/text.h"
+#include "registry/client_node.h"
 #include "scan/arp.h"
 #include "scan/bridge.h"
+#include "scan/lan_info.h"
 #include "scan/lease.h"
 #include "scan/neigh.h"
 #include "scan/topology.h"
@@ -20,17 +22,6 @@ struct client_table client_table = {nullptr, nullptr};
 pthread_rwlock_t client_table_lock = PTHREAD_RWLOCK_INITIALIZER;
 struct arp_item arp_item[ARP_ITEM_ROWS] = {};
 
-const scan_ops scan_backend_default = {
-    .read_leases = read_dhcp_leases,
-    .dump = dump_neighbours,
-    .station_is_active = station_is_active,
-    .open_arp_socket = open_arp_socket,
-    .open_send_socket = open_arp_send_socket,
-    .send_arp = send_arp_request,
-    .arp_check = arp_check,
-    .arp_wait_ms = ARP_WAIT_MS,
-};
-scan_ops scan_backend = scan_backend_default;
 
 client_table_entry *find_entry_by_mac(const uint8_t mac[6]) noexcept
 {
@@ -124,12 +115,17 @@ struct write_hold {
 lease_row *pass_leases = nullptr;
 int pass_lease_count = 0;
 
+// The forwarding table of this pass, hashed by MAC.
+struct pass_fdb {
+    fdb_entry *entries = nullptr;
+    fdb_entry *buckets[FDB_BUCKETS] = {};
+};
+pass_fdb fdb_of_pass;
+
 // Call sites of the parts that are not in yet. Each has no effect now and
 // keeps its place in the order of the pass.
 void add_hook_stations_locked() {}  // stations of an access point or repeater
 void run_ipv6_phases_locked() {}    // IPv6 neighbours and Neighbor Solicitation
-void assign_ports_locked() {}       // bridge port, wire type and guest of each entry
-void mark_front_clients_locked() {} // clients upstream of a non-router node
 void clean_name(char * /*text*/) {} // the recognition store's text cleaning
 int name_from_probe_cache(client_table_entry * /*e*/)
 {
@@ -212,20 +208,10 @@ void name_entry(client_table_entry *e)
     copy_str(e->hostname, stored[0] ? std::string_view(stored) : std::string_view(HOSTNAME_FALLBACK));
 }
 
-// Steps 2 to 4: the sources read before anything of the last pass is
-// dropped. Returns 0, or -1 with the message of the failing source.
-int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
-{
-    int lease_cap = LEASE_ROWS_START;
-    malloc_ptr<lease_row> leases(static_cast<lease_row *>(calloc(lease_cap, sizeof(lease_row))));
-    if (!leases)
-        return -1;
-    lease_row *rows = leases.release();
-    int count = scan_backend.read_leases(&rows, &lease_cap);
-    leases.reset(rows);
-    if (count < 0)
-        return -1;
+} // namespace
 
+int read_forwarding_locked() noexcept
+{
     int fdb_cap = FDB_RECORDS_START;
     malloc_ptr<uint8_t> fdb(static_cast<uint8_t *>(calloc(fdb_cap, FDB_RAW_RECORD)));
     if (!fdb) {
@@ -239,6 +225,43 @@ int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
         lr_write_line(STDERR_FILENO, "ARP_sniffer: get bridge failed.\n");
         return -1;
     }
+    malloc_ptr<fdb_entry> entries(
+        static_cast<fdb_entry *>(calloc(records > 0 ? records : 1, sizeof(fdb_entry))));
+    if (!entries) {
+        fputs("ARP_sniffer: out of memory.\n", stderr);
+        return -1;
+    }
+    free_pass_fdb();
+    build_fdb_table(fdb.get(), entries.get(), records, fdb_of_pass.buckets);
+    fdb_of_pass.entries = entries.release();
+    return 0;
+}
+
+void free_pass_fdb() noexcept
+{
+    free(fdb_of_pass.entries);
+    fdb_of_pass = pass_fdb{};
+}
+
+namespace
+{
+
+// Steps 2 to 4: the sources read before anything of the last pass is
+// dropped. Returns 0, or -1 with the message of the failing source.
+int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
+{
+    int lease_cap = LEASE_ROWS_START;
+    malloc_ptr<lease_row> leases(static_cast<lease_row *>(calloc(lease_cap, sizeof(lease_row))));
+    if (!leases)
+        return -1;
+    lease_row *rows = leases.release();
+    int count = read_dhcp_leases(&rows, &lease_cap);
+    leases.reset(rows);
+    if (count < 0)
+        return -1;
+
+    if (read_forwarding_locked() < 0)
+        return -1;
 
     int dump_cap = NEIGH_DUMP_START;
     dump.reset(static_cast<uint8_t *>(malloc(dump_cap)));
@@ -247,7 +270,7 @@ int read_sources_locked(malloc_ptr<uint8_t> &dump, int &dump_len)
         return -1;
     }
     uint8_t *buf = dump.release();
-    dump_len = scan_backend.dump(&buf, &dump_cap);
+    dump_len = dump_neighbours(&buf, &dump_cap);
     dump.reset(buf);
     if (dump_len < 0) {
         lr_write_line(STDERR_FILENO, "ARP_sniffer: get neigh failed.\n");
@@ -292,6 +315,44 @@ void type_entries_locked() noexcept
     }
 }
 
+void assign_ports_locked() noexcept
+{
+    for (client_table_entry *e = client_table.head; e; e = e->next) {
+        const fdb_entry *rec = fdb_find(fdb_of_pass.buckets, e->mac);
+        char name[16] = {};
+        if (!rec || fdb_port_name(name, rec->port_no, rec->bridge) != 0 || port_count >= PORT_INFO_ROWS)
+            continue;
+        int row = find_port_row(name);
+        if (row < 0)
+            row = add_port_row(name);
+        if (row < 0)
+            continue;
+        e->wire_type = port_info_table[row].wire_type;
+        e->guest = port_info_table[row].guest;
+        copy_str(e->ifname, port_info_table[row].ifname, 15);
+    }
+}
+
+void mark_front_clients_locked() noexcept
+{
+    uint32_t gateway = 0;
+    if (inet_pton(AF_INET, lan_info.gateway, &gateway) != 1)
+        return;
+    const client_table_entry *front = find_entry_by_ip(gateway);
+    if (!front)
+        return;
+    int capacity = SAME_PORT_GROW;
+    auto *macs = static_cast<uint8_t *>(calloc(static_cast<size_t>(capacity), 6));
+    if (!macs)
+        return;
+    int count = macs_on_same_port(&macs, &capacity, front->mac);
+    for (client_table_entry *e = client_table.head; e; e = e->next)
+        for (int i = 0; i < count; i++)
+            if (std::memcmp(macs + static_cast<size_t>(i) * 6, e->mac, 6) == 0)
+                e->wire_type = WIRE_TYPE_UPSTREAM;
+    free(macs);
+}
+
 int create_client_table() noexcept
 {
     if (pthread_rwlock_tryrdlock(&client_table_lock) != 0)
@@ -301,8 +362,10 @@ int create_client_table() noexcept
 
     malloc_ptr<uint8_t> dump;
     int dump_len = 0;
-    if (read_sources_locked(dump, dump_len) < 0)
+    if (read_sources_locked(dump, dump_len) < 0) {
+        free_pass_fdb();
         return -1;
+    }
 
     free_client_table_locked();
     free_arp_probes_locked();
@@ -327,5 +390,6 @@ int create_client_table() noexcept
     free(pass_leases);
     pass_leases = nullptr;
     pass_lease_count = 0;
+    free_pass_fdb();
     return count;
 }

@@ -65,21 +65,6 @@ inline constexpr int ARP_POLL_MS = 50;
 inline constexpr int ARP_CHECK_FIRST_MS = 100;
 inline constexpr int ARP_CHECK_SECOND_MS = 50;
 
-// What the pass asks of the system; tests swap in their own.
-struct lease_row;
-struct scan_ops {
-    int (*read_leases)(lease_row **rows, int *capacity) noexcept;
-    int (*dump)(uint8_t **buffer, int *capacity) noexcept;
-    int (*station_is_active)(const uint8_t mac[6]) noexcept;
-    int (*open_arp_socket)() noexcept;
-    int (*open_send_socket)() noexcept;
-    int (*send_arp)(int fd, uint32_t ip, const uint8_t mac[6]) noexcept;
-    int (*arp_check)(int fd, uint32_t ip, const uint8_t mac[6], int wait_ms) noexcept;
-    int arp_wait_ms;
-};
-extern scan_ops scan_backend;
-extern const scan_ops scan_backend_default;
-
 // The pass: the number of entries, -1 when a source failed, -2 when another
 // pass holds the table.
 int create_client_table() noexcept;
@@ -104,5 +89,13 @@ void classify_ipv4_locked(std::span<const uint8_t> dump) noexcept;
 void verify_arp_probes_locked() noexcept;
 void drop_unanswered_probes_locked() noexcept;
 void check_remembered_locked() noexcept;
+// The forwarding tables of all bridges, hashed for the port phase: 0, or -1
+// with the message of what failed. free_pass_fdb drops them.
+int read_forwarding_locked() noexcept;
+void free_pass_fdb() noexcept;
+// The port phase: bridge port, wire type and guest of each entry.
+void assign_ports_locked() noexcept;
+// Clients upstream of a node that is no router: those on the gateway's port.
+void mark_front_clients_locked() noexcept;
 int name_entries_locked() noexcept;
 void type_entries_locked() noexcept;

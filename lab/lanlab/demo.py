@@ -67,7 +67,7 @@ class Daemon:
     """The daemon in the lab, if it is built and on the bus."""
 
     def __init__(self, lab, build_dir):
-        self.sb = lab.sandbox(build_dir=build_dir)
+        self.sb = lab.sandbox(build_dir=build_dir, packages=scenarios.home_packages())
         self.binary = os.path.join(build_dir, "lanroster")
         self.bus = False
         self.running = False
@@ -80,6 +80,8 @@ class Daemon:
         if not os.access(self.binary, os.X_OK):
             say(f"daemon: not built yet ({self.binary} does not exist)")
             return
+        # What the radios' drivers would tell iwinfo: their stations.
+        self.sb.sync_stations(signal=-52, rx_rate=585000, tx_rate=433000)
         self.sb.start([self.binary])
         self.running = True
         say(f"daemon: started in the router namespace (run directory {self.sb.dir})")
@@ -125,9 +127,11 @@ def main(build_dir=None):
             say(format_table(roster_rows(d.sb)))
         else:
             show_kernel(lab)
-        section("events: \"phone\" leaves (radio off), \"guest-phone\" joins on wl0")
+        section("events: \"phone\" leaves (radio off), \"guest-phone\" joins the guest radio wl2")
         lab.leave("phone")
         lab.add_clients([scenarios.HOME_JOINER])
+        if d.running:
+            d.sb.sync_stations(signal=-52, rx_rate=585000, tx_rate=433000)
         show_lan(lab)
         if d.bus:
             section("LAN roster after the next pass (every 14 s)")

@@ -22,13 +22,19 @@ def vendor_of(sb, mac):
     return r.get("vendor") or "-"
 
 
+BANDS = {"2.4G": "2.4 GHz", "5G": "5 GHz", "5G_2": "second 5 GHz", "6G": "6 GHz", "mlo": "MLO",
+         "iot_2.4G": "IoT 2.4 GHz", "iot_5G": "IoT 5 GHz", "iot_5G_2": "IoT second 5 GHz"}
+
+
 def port_or_band(c):
+    """"lan2" for a wired client, "5 GHz" or "guest 2.4 GHz" for a radio."""
     kind = c.get("wire_type", "")
     if kind == "offline":
         return "-"
     if kind == "wired":
         return c.get("ifname") or "wired"
-    return kind  # "2.4G", "5G", "mlo", ...
+    band = BANDS.get(kind, kind)
+    return f"guest {band}" if c.get("guest") == "GUEST" else band
 
 
 def online_since(c):

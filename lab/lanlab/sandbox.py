@@ -175,6 +175,36 @@ class Sandbox:
         with open(self.path("/tmp/dhcpv6.leases"), "w") as f:
             f.writelines(f"{name} {addr}\n" for name, addr in rows)
 
+    def write_stations(self, stations):
+        """Station files of the iwinfo stand-in, "/var/run/iwinfo/<radio>":
+        {radio: [{mac, inactive, signal, rx_rate, tx_rate, mlo_addr,
+        mlo_rx_2g, ...}]}, one line of key=value words per station (see
+        platform/libiwinfo/iwinfo.cc). A radio given None loses its file: no
+        backend claims it then, as for a radio the driver does not know."""
+        d = self.path("/var/run/iwinfo")
+        os.makedirs(d, exist_ok=True)
+        for radio, rows in stations.items():
+            path = os.path.join(d, radio)
+            if rows is None:
+                if os.path.exists(path):
+                    os.unlink(path)
+                continue
+            lines = [" ".join(f"{k}={v}" for k, v in row.items()) + "\n" for row in rows]
+            tmp = path + ".new"
+            with open(tmp, "w") as f:
+                f.writelines(lines)
+            os.replace(tmp, path)
+
+    def sync_stations(self, **figures):
+        """Station files from the lab's clients behind radio-named ports: an
+        up client is active (inactive 100 ms), a silenced one inactive for
+        120 s; `figures` (signal, rx_rate, tx_rate ...) go on every line."""
+        rows = {}
+        for radio, members in self.lab.stations().items():
+            rows[radio] = [dict(mac=mac, inactive=100 if active else 120000, **figures)
+                           for mac, active in members]
+        self.write_stations(rows)
+
     def send_driver_event(self, payload, port=44032):
         """One datagram to the router's loopback, where the Wi-Fi driver's
         association events arrive."""

@@ -6,7 +6,7 @@ from .util import log
 # A family home: wired ports behind a switch, two radios, one device on a
 # port of its own, named and nameless devices, one IPv6-only sensor and one
 # plug that never speaks first.
-HOME_PORTS = ["lan1", "lan2", "wl0", "wl1"]
+HOME_PORTS = ["lan1", "lan2", "wl0", "wl1", "wl2"]
 HOME_CLIENTS = [
     dict(name="laptop", port="wl1", mac="3c:22:fb:10:20:01", hostname="alice-laptop",
          mdns="alice-laptop"),
@@ -26,8 +26,22 @@ HOME_CLIENTS = [
     dict(name="console", mac="02:4c:52:10:20:0b", hostname="game-console"),
     dict(name="tablet", port="wl1", mac="02:4c:52:10:20:0c", hostname="kids-tablet"),
 ]
-HOME_JOINER = dict(name="guest-phone", port="wl0", mac="02:4c:52:10:20:0d",
+HOME_JOINER = dict(name="guest-phone", port="wl2", mac="02:4c:52:10:20:0d",
                    hostname="guest-phone")
+
+
+def home_packages():
+    """The home's radios: wl0 on 2.4 GHz, wl1 on 5 GHz, wl2 the guest
+    network on 2.4 GHz."""
+    from .uci_defaults import _pkg, _sec
+    iface = dict(network="lan", mode="ap", ssid="HomeNet", encryption="psk2", enable="on")
+    return {"wireless": _pkg(
+        _sec("wifi-device", "radio0", band="2g", channel="auto"),
+        _sec("wifi-device", "radio1", band="5g", channel="auto"),
+        _sec("wifi-iface", "home2g", device="radio0", ifname="wl0", **iface),
+        _sec("wifi-iface", "home5g", device="radio1", ifname="wl1", **iface),
+        _sec("wifi-iface", "guest2g", device="radio0", ifname="wl2", guest="1",
+             **dict(iface, ssid="HomeNet-Guest")))}
 
 
 def home(lab):

@@ -82,3 +82,60 @@ def packages(lab, mode=None):
         _sec("qos_v2", None, gaming_lan_support="no"),
     )
     return pk
+
+
+# A port of every interface class, and the wireless, weavelink and profile
+# packages that give it: {port: (wire_type on the bus, guest on the bus,
+# wire_type number, guest number)}. "wlmc0" is the mesh configuration
+# interface, which the client list never shows.
+CLASS_PORTS = {
+    "lan1": ("wired", "NON_GUEST", 10, 2),
+    "wl0": ("2.4G", "NON_GUEST", 1, 2),
+    "wl1": ("5G", "NON_GUEST", 2, 2),
+    "wl2": ("5G_2", "NON_GUEST", 3, 2),
+    "wl3": ("6G", "NON_GUEST", 4, 2),
+    "wl4": ("mlo", "NON_GUEST", 5, 2),
+    "wl5": ("2.4G", "GUEST", 1, 1),
+    "ath0": ("iot_2.4G", "NON_GUEST", 6, 2),
+    "ath1": ("iot_5G", "NON_GUEST", 7, 2),
+    "ath2": ("iot_5G_2", "NON_GUEST", 8, 2),
+    "wl6": ("wired", "NON_GUEST", 11, 2),
+    "wlm0": ("2.4G", "GUEST", 1, 1),
+    "wlmc0": (None, None, 9, 2),
+}
+
+
+def class_packages():
+    """The packages of CLASS_PORTS: radios by band (2.4, 5, 5_2 and 6 GHz
+    and one the daemon does not know), a guest interface, IoT interfaces,
+    an MLO host, and in weavelink a mesh backhaul and the configuration
+    interface."""
+    iface = dict(network="lan", mode="ap", ssid="HomeNet", encryption="psk2", enable="on")
+    wireless = _pkg(
+        _sec("wifi-device", "radio0", band="2g"),
+        _sec("wifi-device", "radio1", band="5g"),
+        _sec("wifi-device", "radio2", band="5g_2"),
+        _sec("wifi-device", "radio3", band="6g"),
+        _sec("wifi-device", "radio4", band="60g"),
+        _sec("wifi-iface", "main2g", device="radio0", ifname="wl0", **iface),
+        _sec("wifi-iface", "main5g", device="radio1", ifname="wl1", **iface),
+        _sec("wifi-iface", "main5g2", device="radio2", ifname="wl2", **iface),
+        _sec("wifi-iface", "main6g", device="radio3", ifname="wl3", **iface),
+        _sec("wifi-iface", "mlo", device="radio1", ifname="wl4", mlo_host="on", **iface),
+        _sec("wifi-iface", "guest2g", device="radio0", ifname="wl5", guest="1", **iface),
+        _sec("wifi-iface", "iot2g", device="radio0", ifname="ath0", iot="1", **iface),
+        _sec("wifi-iface", "iot5g", device="radio1", ifname="ath1", iot="1", **iface),
+        _sec("wifi-iface", "iot5g2", device="radio2", ifname="ath2", iot="1", **iface),
+        _sec("wifi-iface", "odd", device="radio4", ifname="wl6", **iface),
+    )
+    weavelink = _pkg(
+        _sec("weavelink", "global", enable="on", role="controller"),
+        _sec("wifi-iface", "bh2g", ifname="wlm0", guest="1"),
+        _sec("wifi-iface", "config2g", ifname="wlmc0"),
+    )
+    profile = _pkg(
+        _sec("wireless", None, support_mlo_host="no", wireless_iot_ifname_2g="ath0",
+             wireless_iot_ifname_5g="ath1", wireless_iot_ifname_5g_2="ath2",
+             wireless_mesh_ifname_2g="bh2g", wireless_mesh_config_2g="wlmc0"),
+    )
+    return {"wireless": wireless, "weavelink": weavelink, "profile": profile}

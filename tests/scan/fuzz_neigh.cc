@@ -10,15 +10,6 @@
 #include "scan/lan_info.h"
 #include "scan/neigh.h"
 
-namespace {
-
-int no_station(const uint8_t *mac) noexcept
-{
-    return mac[0] & 1 ? 1 : -1;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -39,7 +30,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     std::strcpy(lan_info.ip, "192.168.1.1");
     lan_info.prefix_len = 24;
-    scan_backend.station_is_active = no_station;
     classify_ipv4_locked(buf);
     free_client_table_locked();
     free_arp_probes_locked();

@@ -24,6 +24,7 @@
 #include "scan/client_table.h"
 #include "scan/lan_info.h"
 #include "scan/neigh.h"
+#include "scan/topology.h"
 
 namespace {
 
@@ -210,6 +211,8 @@ int main(int argc, char **argv)
             return 2;
         }
     }
+    // As the daemon starts: the radio interfaces first, then the LAN.
+    read_radio_list();
     update_lan_info_by_uci();
     print_lan();
     for (int n = 1; n <= passes; n++) {

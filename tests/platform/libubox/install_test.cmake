@@ -21,6 +21,12 @@ foreach(h list avl utils uloop blob blobmsg blobmsg_json)
   endif()
 endforeach()
 
+foreach(f include/iwinfo.h include/iwinfo/utils.h ${LIBDIR}/libiwinfo.so)
+  if(NOT EXISTS ${PREFIX}/${f})
+    message(FATAL_ERROR "not installed: ${f}")
+  endif()
+endforeach()
+
 separate_arguments(san UNIX_COMMAND "${SAN_FLAGS}")
 set(link -I${PREFIX}/include -L${PREFIX}/${LIBDIR} -lblobmsg_json -lubox)
 run(${CC} -std=c11 -Wall -Wextra -Werror ${san} ${EXAMPLES}/device_report.c ${link}
