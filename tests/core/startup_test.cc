@@ -69,10 +69,12 @@ TEST(Startup, NoBusSocketFailsBeforeAnyThreadOrTimer)
             _exit(10);
         startup_confdir = conf.c_str();
         lan_info_confdir = conf.c_str();
+        // Counted before: under qemu-user the emulator has a thread of its own.
+        int threads_before = thread_count();
         int r = lanroster_main();
         if (r != -1)
             _exit(11);
-        if (thread_count() != 1)
+        if (thread_count() != threads_before)
             _exit(12);
         if (local_report_timer_pending() || thread_pool != nullptr)
             _exit(13);
