@@ -4,6 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include "bus/event_tasks.h"
 #include "bus/ubus_handlers.h"
@@ -154,9 +157,24 @@ void lanroster_ubus_deinit() noexcept
     event_listener = {};
 }
 
+void shrink_reply_buf() noexcept
+{
+    if (reply_buf.buflen <= REPLY_BUF_KEEP)
+        return;
+    blob_buf_free(&reply_buf);
+    blob_buf_init(&reply_buf, 0);
+#if defined(__GLIBC__)
+    // glibc keeps a freed block of this size in its heap (its mmap threshold
+    // rises to the largest block freed); musl hands it back by itself.
+    malloc_trim(0);
+#endif
+}
+
 int send_reply_buf(ubus_context *ctx, ubus_request_data *req) noexcept
 {
-    return ubus_send_reply(ctx, req, reply_buf.head);
+    int ret = ubus_send_reply(ctx, req, reply_buf.head);
+    shrink_reply_buf();
+    return ret;
 }
 
 void *reply_open_table() noexcept

@@ -14,8 +14,13 @@
 // lanroster_ubus_deinit.
 extern ubus_context *ubus_ctx;
 
-// The socket lanroster_ubus_init connects to.
-inline constexpr char UBUS_SOCKET_PATH[] = "/var/run/ubus.sock";
+// The socket lanroster_ubus_init connects to. A build for a newer firmware
+// sets LANROSTER_UBUS_SOCKET (CMake option of the same name) to
+// "/var/run/ubus/ubus.sock".
+#ifndef LANROSTER_UBUS_SOCKET
+#define LANROSTER_UBUS_SOCKET "/var/run/ubus.sock"
+#endif
+inline constexpr char UBUS_SOCKET_PATH[] = LANROSTER_UBUS_SOCKET;
 
 // Connects, publishes both objects, registers the event listener and adds
 // the connection to the loop: 0, or -1 when the bus can't be used. Call
@@ -25,12 +30,18 @@ int lanroster_ubus_init() noexcept;
 // ubus_ctx. The event listener goes with the connection.
 void lanroster_ubus_deinit() noexcept;
 
-// The one buffer every handler composes its reply in; never released, so
-// its allocation is reused from one reply to the next.
+// The one buffer every handler composes its reply in. Its allocation is
+// reused from one reply to the next up to REPLY_BUF_KEEP bytes; a larger one
+// (a client list of a full pool is some 400 KB) is given back once the reply
+// is sent, so the daemon's steady state stays small on the router.
 extern blob_buf reply_buf;
+inline constexpr int REPLY_BUF_KEEP = 64 * 1024;
 
-// Sends reply_buf as the data of request `req`.
+// Sends reply_buf as the data of request `req`, then shrinks it.
 int send_reply_buf(ubus_context *ctx, ubus_request_data *req) noexcept;
+// Frees an allocation of reply_buf larger than REPLY_BUF_KEEP and starts it
+// afresh, empty; a smaller one is kept as it is.
+void shrink_reply_buf() noexcept;
 
 // A table with an empty name, at the root of a reply or inside an array;
 // the cookie goes to blob_nest_end.
