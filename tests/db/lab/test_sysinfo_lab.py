@@ -92,8 +92,12 @@ def test_identity_and_modes(c):
         lab.add_gateway()
         lab.add_port("lan1")
         tv = lab.add_client("tv", port="lan1", hostname="tv")
+        # "bridge" counts as router in the snapshot's mode number, but the scan
+        # and the compare go by the mode's text: on any node that is not
+        # "router" or "hotspot", clients behind the gateway's port are
+        # upstream and left out.
         runs = [("ap", "agent", False), ("repeater", "agent", False), ("repeater", "controller", False),
-                ("bridge", "agent", True), ("router", "controller", True)]
+                ("bridge", "agent", False), ("router", "controller", True)]
         for mode, role, gateway_listed in runs:
             sb = lab.sandbox(name=f"{mode}-{role}", mode="ap")
             c.check(sb.start_ubusd(), f"{mode}/{role}: ubusd starts")
