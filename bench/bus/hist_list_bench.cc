@@ -24,6 +24,7 @@
 #include "core/log.h"
 #include "db/system_info.h"
 #include "registry/client_node.h"
+#include "tests/support/bus_daemon.h"
 
 namespace
 {
@@ -40,23 +41,8 @@ struct private_ubusd {
             return false;
         dir = tmpl;
         path = dir + "/ubus.sock";
-        int fds[2];
-        if (pipe(fds) != 0)
-            return false;
-        pid = fork();
-        if (pid == 0) {
-            close(fds[0]);
-            std::string bin = std::string(LR_BINARY_DIR) + "/platform-bin/ubusd";
-            std::string fd = std::to_string(fds[1]);
-            execl(bin.c_str(), "ubusd", "-s", path.c_str(), "-R", fd.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        close(fds[1]);
-        pollfd p{fds[0], POLLIN, 0};
-        char c = 0;
-        bool ok = poll(&p, 1, 10000) == 1 && read(fds[0], &c, 1) == 1;
-        close(fds[0]);
-        return ok;
+        pid = lr_test::start_ubusd(path.c_str());
+        return pid > 0;
     }
     ~private_ubusd()
     {
@@ -209,7 +195,7 @@ void BM_SmallCallThroughTheBus(benchmark::State &state)
     log_level = 0;
     private_ubusd ubusd;
     if (!ubusd.start()) {
-        state.SkipWithError("ubusd did not start (build/platform-bin/ubusd)");
+        state.SkipWithError("ubusd did not start");
         return;
     }
     daemon_loop daemon;
@@ -235,7 +221,7 @@ void BM_GetHistListNewThroughTheBus(benchmark::State &state)
     log_level = 0;
     private_ubusd ubusd;
     if (!ubusd.start()) {
-        state.SkipWithError("ubusd did not start (build/platform-bin/ubusd)");
+        state.SkipWithError("ubusd did not start");
         return;
     }
     fill_records();

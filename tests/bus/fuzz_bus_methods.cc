@@ -31,6 +31,7 @@
 #include "core/threadpool.h"
 #include "registry/client_node.h"
 #include "scan/client_table.h"
+#include "tests/support/bus_daemon.h"
 
 namespace
 {
@@ -58,8 +59,8 @@ void stop_ubusd()
     rmdir(ubusd_dir.c_str());
 }
 
-// Starts build/platform-bin/ubusd on a fresh socket and waits for its
-// readiness byte; the broker dies with this process.
+// Starts ubusd on a fresh socket and waits until it answers; the broker
+// dies with this process.
 bool start_ubusd()
 {
     char tmpl[] = "/tmp/lr-fuzz-bus-XXXXXX";
@@ -67,26 +68,9 @@ bool start_ubusd()
         return false;
     ubusd_dir = tmpl;
     ubusd_socket = ubusd_dir + "/ubus.sock";
-    const std::string &path = ubusd_socket;
-    int fds[2];
-    if (pipe(fds) != 0)
-        return false;
-    ubusd_pid = fork();
-    if (ubusd_pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        close(fds[0]);
-        std::string bin = std::string(LR_BINARY_DIR) + "/platform-bin/ubusd";
-        std::string fd = std::to_string(fds[1]);
-        execl(bin.c_str(), "ubusd", "-s", path.c_str(), "-R", fd.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    close(fds[1]);
-    pollfd p{fds[0], POLLIN, 0};
-    char c = 0;
-    bool ok = ubusd_pid > 0 && poll(&p, 1, 10000) == 1 && read(fds[0], &c, 1) == 1;
-    close(fds[0]);
+    ubusd_pid = lr_test::start_ubusd(ubusd_socket.c_str(), true);
     std::atexit(stop_ubusd);
-    return ok;
+    return ubusd_pid > 0;
 }
 
 // The daemon's connection, served like the loop serves it: one message at
