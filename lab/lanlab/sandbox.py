@@ -244,9 +244,11 @@ class Sandbox:
                 parts.append(os.path.dirname(found))
         return ":".join(parts + ["/usr/sbin", "/usr/bin", "/sbin", "/bin"])
 
-    # Sanitizer settings of the test run reach a sanitized daemon; nothing
-    # else of the caller's environment does.
-    PASS_ENV = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "MSAN_OPTIONS", "TSAN_OPTIONS")
+    # Sanitizer settings of the test run reach a sanitized daemon, and the
+    # library path reaches the real uci and ubus of a build against the
+    # OpenWrt libraries; nothing else of the caller's environment does.
+    PASS_ENV = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "MSAN_OPTIONS", "TSAN_OPTIONS",
+                "LD_LIBRARY_PATH")
 
     def argv(self, command, env=None):
         """The full argument vector that runs command in the sandbox."""
