@@ -25,6 +25,7 @@
 #include "db/system_info.h"
 #include "registry/client_node.h"
 #include "tests/sandbox/sandbox.h"
+#include "tests/support/bus_daemon.h"
 
 namespace
 {
@@ -40,23 +41,8 @@ struct private_ubusd {
         static const bool sandboxed = sandbox::enter();
         if (!sandboxed)
             return false;
-        int fds[2];
-        if (pipe(fds) != 0)
-            return false;
-        pid = fork();
-        if (pid == 0) {
-            close(fds[0]);
-            std::string bin = std::string(LR_BINARY_DIR) + "/platform-bin/ubusd";
-            std::string fd = std::to_string(fds[1]);
-            execl(bin.c_str(), "ubusd", "-s", path.c_str(), "-R", fd.c_str(), static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        close(fds[1]);
-        pollfd p{fds[0], POLLIN, 0};
-        char c = 0;
-        bool ok = poll(&p, 1, 10000) == 1 && read(fds[0], &c, 1) == 1;
-        close(fds[0]);
-        return ok;
+        pid = lr_test::start_ubusd(path.c_str());
+        return pid > 0;
     }
     ~private_ubusd()
     {
@@ -207,7 +193,7 @@ void BM_SmallCallThroughTheBus(benchmark::State &state)
     log_level = 0;
     private_ubusd ubusd;
     if (!ubusd.start()) {
-        state.SkipWithError("ubusd did not start (build/platform-bin/ubusd; the sandbox needs root)");
+        state.SkipWithError("ubusd did not start (the sandbox needs root)");
         return;
     }
     daemon_loop daemon;
@@ -233,7 +219,7 @@ void BM_GetHistListNewThroughTheBus(benchmark::State &state)
     log_level = 0;
     private_ubusd ubusd;
     if (!ubusd.start()) {
-        state.SkipWithError("ubusd did not start (build/platform-bin/ubusd; the sandbox needs root)");
+        state.SkipWithError("ubusd did not start (the sandbox needs root)");
         return;
     }
     fill_records();

@@ -20,6 +20,8 @@ extern "C" {
 #include <thread>
 #include <vector>
 
+#include "../../tests/support/bus_daemon.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -43,23 +45,7 @@ ubus_object object;
 
 pid_t start_ubusd(const std::string &path)
 {
-	int fds[2];
-	if (pipe(fds))
-		return -1;
-	pid_t pid = fork();
-	if (pid == 0) {
-		close(fds[0]);
-		std::string bin = std::string(LR_BINARY_DIR) + "/platform-bin/ubusd";
-		std::string fd = std::to_string(fds[1]);
-		execl(bin.c_str(), "ubusd", "-s", path.c_str(), "-R", fd.c_str(), (char *)nullptr);
-		_exit(127);
-	}
-	close(fds[1]);
-	char c;
-	pollfd p{fds[0], POLLIN, 0};
-	bool ok = poll(&p, 1, 10000) == 1 && read(fds[0], &c, 1) == 1;
-	close(fds[0]);
-	return ok ? pid : -1;
+	return lr_test::start_ubusd(path.c_str());
 }
 
 void run_round(const char *path, int callers, int calls)

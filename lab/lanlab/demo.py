@@ -74,7 +74,7 @@ class Daemon:
 
     def start(self):
         if not self.sb.start_ubusd():
-            say("ubusd: not built yet (build/platform-bin/ubusd); the daemon needs the bus")
+            say("ubusd: not built yet (build/platform-bin/ubusd) and none on PATH; the daemon needs the bus")
             return
         say(f"ubusd: listening on the sandbox's /var/run/ubus.sock ({self.sb.ubus_socket})")
         if not os.access(self.binary, os.X_OK):

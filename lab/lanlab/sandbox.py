@@ -5,6 +5,7 @@ over /etc/config, /etc/profile.d, /etc/crontabs, /etc/init.d, /tmp,
 the platform commands, and the bus daemon on /var/run/ubus.sock."""
 import json
 import os
+import shutil
 import socket
 import subprocess
 
@@ -35,6 +36,15 @@ class Sandbox:
             self.write_packages(packages)
         self.set_standin()
         self._install_standins()
+
+    def tool(self, name):
+        """Path of a platform tool (ubusd, ubus, uci): this build's stand-in,
+        or in a build against the real libraries, the one on PATH; None when
+        there is neither."""
+        own = os.path.join(self.platform_bin, name)
+        if os.access(own, os.X_OK):
+            return own
+        return shutil.which(name)
 
     # ---------- layout ----------
     def path(self, inside):
@@ -105,7 +115,7 @@ class Sandbox:
     def uci_sections(self, package):
         """Sections of a package in file order, as the stand-in uci tool
         reads them: [(name, {option: value})]."""
-        uci = os.path.join(self.platform_bin, "uci")
+        uci = self.tool("uci") or "uci"
         out = subprocess.run([uci, "-c", self.path("/etc/config"), "-X", "show", package],
                              text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE).stdout
         sections, by_name = [], {}
@@ -218,9 +228,10 @@ class Sandbox:
     # ---------- processes ----------
     def start_ubusd(self):
         """Starts the bus daemon on the sandbox's /var/run/ubus.sock when it is
-        built; returns False when it is not there yet."""
-        ubusd = os.path.join(self.platform_bin, "ubusd")
-        if not os.access(ubusd, os.X_OK):
+        built (or on PATH); returns False when it is not there. Readiness is
+        a connect that succeeds, so any ubusd will do."""
+        ubusd = self.tool("ubusd")
+        if not ubusd:
             return False
         sock = self.ubus_socket
         self.ubusd = self.lab.spawn(f"ubusd:{self.name}", [ubusd, "-s", sock],
@@ -256,11 +267,18 @@ class Sandbox:
         parts = [os.path.join(self.dir, "bin")]
         if os.path.isdir(self.platform_bin):
             parts.append(self.platform_bin)
+        # Against the real libraries: where the real uci and ubus were found.
+        for name in ("uci", "ubus"):
+            found = self.tool(name)
+            if found and os.path.dirname(found) not in parts:
+                parts.append(os.path.dirname(found))
         return ":".join(parts + ["/usr/sbin", "/usr/bin", "/sbin", "/bin"])
 
-    # Sanitizer settings of the test run reach a sanitized daemon; nothing
-    # else of the caller's environment does.
-    PASS_ENV = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "MSAN_OPTIONS", "TSAN_OPTIONS")
+    # Sanitizer settings of the test run reach a sanitized daemon, and the
+    # library path reaches the real uci and ubus of a build against the
+    # OpenWrt libraries; nothing else of the caller's environment does.
+    PASS_ENV = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "MSAN_OPTIONS", "TSAN_OPTIONS",
+                "LD_LIBRARY_PATH")
 
     def argv(self, command, env=None):
         """The full argument vector that runs command in the sandbox."""
@@ -336,8 +354,8 @@ class Sandbox:
     # ---------- the bus ----------
     def ubus(self, *args, timeout=10):
         """Runs the ubus command line tool on the sandbox's socket."""
-        tool = os.path.join(self.platform_bin, "ubus")
-        if not os.access(tool, os.X_OK):
+        tool = self.tool("ubus")
+        if not tool:
             raise LabError("the ubus tool is not built yet")
         return subprocess.run([tool, "-s", self.ubus_socket, "-t", str(timeout)] + list(args),
                               text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE,

@@ -47,8 +47,8 @@ def test_paths_and_console(c):
                 "network package matches the LAN")
         c.check("option ifname 'wl0'" in sb.read_package("wireless"), "wireless package lists the radios")
         c.check("option mode 'router'" in sb.read_package("sysmode"), "sysmode router")
-        uci = os.path.join(sb.platform_bin, "uci")
-        if os.access(uci, os.X_OK):
+        uci = sb.tool("uci")
+        if uci:
             bad = [p for p in PACKAGES
                    if util.run([uci, "-c", sb.path("/etc/config"), "show", p], check=False).returncode]
             c.equal(bad, [], "every default package parses with uci")

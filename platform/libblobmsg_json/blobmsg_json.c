@@ -4,6 +4,7 @@
  */
 #include <libubox/blobmsg_json.h>
 
+#include <float.h>
 #include <inttypes.h>
 #include <json-c/json.h>
 #include <stdio.h>
@@ -251,7 +252,9 @@ format_list(struct strbuf *s, struct blob_attr *first, size_t len, bool array)
 static void
 format_scalar(struct strbuf *s, struct blob_attr *attr)
 {
-	char num[64];
+	/* "%lf" prints every integer digit: DBL_MAX takes 309 of them, plus a
+	 * sign and ".000000". */
+	char num[DBL_MAX_10_EXP + 16];
 
 	switch (blobmsg_type(attr)) {
 	case BLOBMSG_TYPE_INT8:

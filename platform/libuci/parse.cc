@@ -21,6 +21,7 @@ struct word {
     std::string text;
     int line;
     int byte;
+    size_t line_start;  // offset of the first byte of the word's line
 };
 
 // Splits text into words and commands. Quotes may span lines; a newline
@@ -53,7 +54,7 @@ public:
                 pos_++;
                 consume_newline();
             } else {
-                word w{{}, line_, column()};
+                word w{{}, line_, column(), line_start_};
                 if (!scan_word(w.text))
                     return status::error;
                 out.push_back(std::move(w));
@@ -123,6 +124,8 @@ public:
 private:
     bool scan_single(std::string &w)
     {
+        const int quote_line = line_;
+        const size_t quote_line_start = line_start_;
         while (!at_end()) {
             char c = text_[pos_];
             if (c == '\'') {
@@ -135,11 +138,13 @@ private:
                 pos_++;
             w += c;
         }
-        return fail("unterminated '");
+        return fail("EOF with unterminated '", quote_line, quote_line_start);
     }
 
     bool scan_double(std::string &w)
     {
+        const int quote_line = line_;
+        const size_t quote_line_start = line_start_;
         while (!at_end()) {
             char c = text_[pos_];
             if (c == '"') {
@@ -158,14 +163,16 @@ private:
                 pos_++;
             w += c;
         }
-        return fail("unterminated \"");
+        return fail("EOF with unterminated \"", quote_line, quote_line_start);
     }
 
-    bool fail(const char *why)
+    // An unterminated quote is reported at the line where it began; the
+    // byte is how far the reader got from that line's start.
+    bool fail(const char *why, int line, size_t line_start)
     {
         error = why;
-        error_line = line_;
-        error_byte = column();
+        error_line = line;
+        error_byte = static_cast<int>(pos_ - line_start);
         return false;
     }
 
@@ -183,6 +190,8 @@ struct config_parser {
     uci_section *sec = nullptr;
     std::vector<uci_package *> created;
 
+    // An error names the word it is about (an unknown command), or none:
+    // then it was found once the whole statement had been read.
     const char *run(const std::vector<word> &w, const word *&where);
 
 private:
@@ -198,7 +207,7 @@ bool is_cmd(std::string_view w, const char *full) noexcept
 
 const char *config_parser::run(const std::vector<word> &w, const word *&where)
 {
-    where = &w[0];
+    where = nullptr;
     if (is_cmd(w[0].text, "package"))
         return cmd_package(w);
     if (is_cmd(w[0].text, "config"))
@@ -207,6 +216,7 @@ const char *config_parser::run(const std::vector<word> &w, const word *&where)
         return cmd_option(w, false);
     if (is_cmd(w[0].text, "list"))
         return cmd_option(w, true);
+    where = &w[0];
     return "invalid command";
 }
 
@@ -245,7 +255,7 @@ const char *config_parser::cmd_config(const std::vector<word> &w)
     }
     const std::string &name = w[2].text;
     if (!valid_name(name))
-        return "invalid section name";
+        return "invalid character in name field";
     // A name continues the named section of that name. An anonymous
     // section that happens to carry the same generated name is not merged
     // into: that would silently fold two sections of the file into one.
@@ -412,7 +422,12 @@ parse_result parse_config(uci_context *ctx, std::string_view text, uci_package *
             const char *why = cp.run(words, where);
             if (!why)
                 continue;
-            set_parse_error(ctx, why, where->line, where->byte);
+            // Past the whole statement, the byte counts from the start of
+            // its first line to where the reader stopped (after the newline).
+            if (where)
+                set_parse_error(ctx, why, where->line, where->byte);
+            else
+                set_parse_error(ctx, why, words[0].line, static_cast<int>(lx.offset() - words[0].line_start));
             if (ctx->flags & UCI_FLAG_STRICT) {
                 free_created(cp.created);
                 res.code = UCI_ERR_PARSE;

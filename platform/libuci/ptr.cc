@@ -15,25 +15,39 @@ void set_flags(uci_ptr *ptr, int flags) noexcept
     ptr->flags = static_cast<decltype(ptr->flags)>(flags);
 }
 
+struct extended_section {
+    std::string_view type;  // empty: any type
+    long index = 0;
+};
+
 // "@type[index]", "@type[]" (index 0), "@[index]" (any type).
-int lookup_extended(uci_ptr *ptr) noexcept
+bool parse_extended(std::string_view sv, extended_section &out) noexcept
 {
-    std::string_view sv(ptr->section);
     if (sv.size() < 3 || sv[0] != '@' || sv.back() != ']')
-        return UCI_ERR_INVAL;
+        return false;
     size_t open = sv.find('[');
     if (open == std::string_view::npos || open + 1 >= sv.size())
-        return UCI_ERR_INVAL;
-    std::string_view type = sv.substr(1, open - 1);
+        return false;
+    out.type = sv.substr(1, open - 1);
     std::string_view digits = sv.substr(open + 1, sv.size() - open - 2);
-    if (type.find_first_of("[]") != std::string_view::npos)
-        return UCI_ERR_INVAL;
-    long index = 0;
+    if (out.type.find_first_of("[]") != std::string_view::npos)
+        return false;
+    out.index = 0;
     if (!digits.empty()) {
-        auto res = std::from_chars(digits.data(), digits.data() + digits.size(), index);
+        auto res = std::from_chars(digits.data(), digits.data() + digits.size(), out.index);
         if (res.ec != std::errc() || res.ptr != digits.data() + digits.size())
-            return UCI_ERR_INVAL;
+            return false;
     }
+    return true;
+}
+
+int lookup_extended(uci_ptr *ptr) noexcept
+{
+    extended_section ext;
+    if (!parse_extended(ptr->section, ext))
+        return UCI_ERR_INVAL;
+    std::string_view type = ext.type;
+    long index = ext.index;
     long count = 0;
     uci_element *e;
     uci_foreach_element(&ptr->p->sections, e) {
@@ -179,6 +193,13 @@ extern "C" int uci_lookup_ptr(uci_context *ctx, uci_ptr *ptr, char *str, bool ex
         int r = parse_ptr(ptr, str);
         if (r != UCI_OK)
             return set_error(ctx, r);
+        // The whole expression is judged before anything is looked up: a
+        // malformed section leaves the pointer as zeroed as a parse error.
+        extended_section ext;
+        if (extended && (ptr->flags & uci_ptr::UCI_LOOKUP_EXTENDED) && !parse_extended(ptr->section, ext)) {
+            std::memset(ptr, 0, sizeof(*ptr));
+            return set_error(ctx, UCI_ERR_INVAL);
+        }
     }
     try {
         int r = lookup_ptr(ctx, ptr, extended);

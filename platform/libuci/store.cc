@@ -235,10 +235,14 @@ int load_package(uci_context *ctx, const char *name, uci_package **out)
     if (by_path) {
         path = name;
     } else {
+        // A name is refused only for blanks and control bytes; any other
+        // name is looked for as a file ("bad.name" is simply not found).
+        for (unsigned char c : sv) {
+            if (c < 33 || c > 126)
+                return UCI_ERR_INVAL;
+        }
         if (sv.find('/') != std::string_view::npos)
-            return UCI_ERR_INVAL;
-        if (!valid_package(sv))
-            return UCI_ERR_NOTFOUND;
+            return UCI_ERR_NOTFOUND;  // never a path outside the directory
         path = join_path(ctx->confdir, sv);
         if (ctx->conf2dir) {
             std::string alt = join_path(ctx->conf2dir, sv);
@@ -313,26 +317,6 @@ int save_package(uci_context *ctx, uci_package *p)
 
 namespace {
 
-// The package handed back after a commit is the file as written, read
-// again: anonymous sections are then named as every later reader of the
-// file names them, so changes made through it land where they should.
-void adopt_written(uci_context *ctx, uci_package **pp, std::string_view content)
-{
-    uci_package *old = *pp;
-    uci_package *fresh = package_new(ctx, old->e.name);
-    fresh->path = strdup(old->path);
-    fresh->has_delta = old->has_delta;
-    fresh->uses_conf2 = old->uses_conf2;
-    if (!fresh->path || parse_into(ctx, fresh, content) != UCI_OK) {
-        package_free(fresh);
-        set_error(ctx, UCI_OK);
-        return;
-    }
-    list_insert_before(&old->e.list, &fresh->e.list);
-    package_free(old);
-    *pp = fresh;
-}
-
 // Re-reads the file and every change file under the locks and writes the
 // merged result; *pp becomes the fresh package object.
 int commit_locked(uci_context *ctx, uci_package **pp, bool overwrite, int cfd)
@@ -382,9 +366,11 @@ int commit_locked(uci_context *ctx, uci_package **pp, bool overwrite, int cfd)
     if (r != UCI_OK)
         return r;
     delta_list_free(&np->delta);
+    // *pp stays the package as parsed and replayed, not the file read back:
+    // its anonymous names and section counter are the ones made before the
+    // commit, even where a fresh reader of the file would name differently.
     if (dfd && ::ftruncate(dfd.get(), 0) < 0)
         return UCI_ERR_IO;
-    adopt_written(ctx, pp, content);
     return UCI_OK;
 }
 

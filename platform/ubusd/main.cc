@@ -215,7 +215,6 @@ void usage(const char *prog)
 		     "Options:\n"
 		     "  -A <path>:\t\tSet the path to ACL files\n"
 		     "  -s <socket>:\t\tSet the unix domain socket to listen on\n"
-		     "  -R <fd>:\t\tWrite one byte to <fd> once the socket listens\n"
 		     "\n", prog);
 }
 
@@ -256,17 +255,14 @@ int run(Server &s)
 int main(int argc, char **argv)
 {
 	const char *path = "/var/run/ubus.sock";
-	int ready_fd = -1;
 	int ch;
-	while ((ch = getopt(argc, argv, "A:s:R:h")) != -1) {
+	// Only the router's ubusd options: callers see readiness by connecting.
+	while ((ch = getopt(argc, argv, "A:s:")) != -1) {
 		switch (ch) {
 		case 'A':
 			break;  // every client may do everything: there is no ACL
 		case 's':
 			path = optarg;
-			break;
-		case 'R':
-			ready_fd = std::atoi(optarg);
 			break;
 		default:
 			usage(argv[0]);
@@ -286,12 +282,6 @@ int main(int argc, char **argv)
 	ev.events = EPOLLIN;
 	ev.data.u64 = 0;
 	epoll_ctl(s.ep, EPOLL_CTL_ADD, s.listen_fd, &ev);
-	if (ready_fd >= 0) {
-		char c = 'R';
-		if (write(ready_fd, &c, 1) != 1)
-			std::fprintf(stderr, "ubusd: readiness notification failed\n");
-		close(ready_fd);
-	}
 	int ret = run(s);
 	for (auto &[id, fd] : s.fds)
 		close(fd);

@@ -35,33 +35,39 @@ struct context_owner {
 void print_usage()
 {
     std::fprintf(stderr,
-                 "usage: %s [options] command [arguments]\n"
+                 "Usage: %s [<options>] <command> [<arguments>]\n"
                  "\n"
-                 "commands:\n"
-                 "  get      pkg.section[.option]          print a value or a section type\n"
-                 "  set      pkg.section[.option]=value    change or create (empty value deletes)\n"
-                 "  add      pkg type                      add an anonymous section, print its name\n"
-                 "  add_list pkg.section.option=value      append a list item\n"
-                 "  del_list pkg.section.option=value      remove matching list items\n"
-                 "  delete   pkg.section[.option][=index]  delete a section, option or list item\n"
-                 "  rename   pkg.section[.option]=name     rename a section or option\n"
-                 "  reorder  pkg.section=position          move a section\n"
-                 "  revert   pkg[.section[.option]]        drop saved changes\n"
-                 "  commit   [pkg]                         write saved changes into the files\n"
-                 "  changes  [pkg]                         list saved changes\n"
-                 "  show     [pkg[.section[.option]]]      print in pkg.section.option='value' form\n"
-                 "  export   [pkg]                         print in file form\n"
-                 "  import   [pkg]                         read file form from stdin (or -f)\n"
+                 "Commands:\n"
+                 "\tbatch                                      run commands read from stdin (or -f), one a line\n"
+                 "\texport     [<config>]                      print in file form\n"
+                 "\timport     [<config>]                      read file form from stdin (or -f)\n"
+                 "\tchanges    [<config>]                      list saved changes\n"
+                 "\tcommit     [<config>]                      write saved changes into the files\n"
+                 "\tadd        <config> <section-type>         add an anonymous section, print its name\n"
+                 "\tadd_list   <config>.<section>.<option>=<string>\n"
+                 "\tdel_list   <config>.<section>.<option>=<string>\n"
+                 "\tshow       [<config>[.<section>[.<option>]]]\n"
+                 "\tget        <config>.<section>[.<option>]\n"
+                 "\tset        <config>.<section>[.<option>]=<value>   (an empty value deletes)\n"
+                 "\tdelete     <config>.<section>[.<option>[=<index>]]\n"
+                 "\trename     <config>.<section>[.<option>]=<name>\n"
+                 "\trevert     <config>[.<section>[.<option>]]\n"
+                 "\treorder    <config>.<section>=<position>\n"
                  "\n"
-                 "options:\n"
-                 "  -c dir   configuration directory      -C dir  overriding configuration directory\n"
-                 "  -t dir   save directory for changes   -p dir  extra directory of changes to read\n"
-                 "  -P dir   volatile save directory; commit does nothing\n"
-                 "  -d str   list separator for show/get  -f file input of import\n"
-                 "  -m       import merges into the package\n"
-                 "  -n / -N  name / do not name anonymous sections on export (default -N)\n"
-                 "  -q       no error messages            -X      show real section names\n"
-                 "  -s / -S  strict (default) / lenient parsing\n",
+                 "Options:\n"
+                 "\t-c <path>  configuration directory\n"
+                 "\t-C <path>  overriding configuration directory\n"
+                 "\t-d <str>   list separator for show and get (default: one space)\n"
+                 "\t-f <file>  input of import and batch instead of stdin\n"
+                 "\t-m         import merges into the package\n"
+                 "\t-n / -N    name / do not name anonymous sections on export (default -N)\n"
+                 "\t-p <path>  extra directory of changes to read\n"
+                 "\t-P <path>  volatile save directory; commit does nothing\n"
+                 "\t-q         no error messages\n"
+                 "\t-s / -S    strict (default) / lenient parsing\n"
+                 "\t-t <path>  save directory for changes\n"
+                 "\t-X         show real section names\n"
+                 "\n",
                  opt.appname);
 }
 
@@ -365,12 +371,24 @@ int with_optional_package(uci_context *ctx, pkg_cmd cmd, int argc, char **argv)
     return run_on_package(ctx, cmd, argv[0]);
 }
 
-int dispatch(uci_context *ctx, const std::string_view cmd, int argc, char **argv)
+// Command names are case-insensitive; "ren" and "del" are short forms.
+std::string command_name(std::string_view word)
+{
+    std::string name;
+    for (char c : word)
+        name += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return name;
+}
+
+// -1: unknown command or wrong argument count.
+int dispatch(uci_context *ctx, const std::string_view word, int argc, char **argv)
 {
     static const std::map<std::string_view, edit_cmd> edits = {
         {"set", edit_cmd::set},       {"add_list", edit_cmd::add_list}, {"del_list", edit_cmd::del_list},
         {"rename", edit_cmd::rename}, {"delete", edit_cmd::remove},     {"reorder", edit_cmd::reorder},
+        {"ren", edit_cmd::rename},    {"del", edit_cmd::remove},
     };
+    const std::string cmd = command_name(word);
     static const std::map<std::string_view, pkg_cmd> whole = {
         {"show", pkg_cmd::show},
         {"changes", pkg_cmd::changes},
@@ -390,6 +408,78 @@ int dispatch(uci_context *ctx, const std::string_view cmd, int argc, char **argv
     if (cmd == "import")
         return argc <= 1 ? cmd_import(ctx, argc ? argv[0] : nullptr) : -1;
     return -1;
+}
+
+// One batch line is a command and at most three arguments.
+constexpr size_t batch_max_words = 4;
+
+enum class line_status { words, too_many, error, end };
+
+// Reads the words of the next line, tokenised like a value in a
+// configuration file (quotes allowed).
+line_status read_batch_line(uci_context *ctx, FILE *in, std::vector<std::string> &words)
+{
+    words.clear();
+    char *str = nullptr;
+    for (;;) {
+        char *word = nullptr;
+        if (uci_parse_argument(ctx, in, &str, &word) != UCI_OK)
+            return line_status::error;
+        if (!str)
+            return words.empty() ? line_status::end : line_status::words;
+        if (!word)
+            return line_status::words;
+        if (words.size() == batch_max_words)
+            return line_status::too_many;
+        words.emplace_back(word);
+    }
+}
+
+void unload_all(uci_context *ctx)
+{
+    uci_element *e, *tmp;
+    uci_foreach_element_safe(&ctx->root, tmp, e) uci_unload(ctx, uci_to_package(e));
+}
+
+// Runs one command a line until the input ends or a line says "exit". A
+// failing or unknown command does not end the batch, and every command sees
+// the packages as stored (nothing stays loaded between commands).
+int cmd_batch(uci_context *ctx)
+{
+    FILE *in = stdin;
+    if (opt.input) {
+        in = std::fopen(opt.input, "r");
+        if (!in) {
+            ctx->err = UCI_ERR_IO;
+            return report(ctx);
+        }
+    }
+    std::vector<std::string> words;
+    for (;;) {
+        line_status st = read_batch_line(ctx, in, words);
+        if (st == line_status::end)
+            break;
+        if (st == line_status::error) {
+            report(ctx);
+        } else if (st == line_status::too_many) {
+            std::fprintf(stderr, "Too many arguments\n");
+        } else if (!words.empty()) {
+            if (command_name(words[0]) == "exit")
+                break;
+            std::vector<char *> argv;
+            for (size_t i = 1; i < words.size(); i++)
+                argv.push_back(words[i].data());
+            argv.push_back(nullptr);
+            if (command_name(words[0]) == "batch" ||
+                dispatch(ctx, words[0], static_cast<int>(words.size() - 1), argv.data()) < 0)
+                std::fprintf(stderr, "Unknown command\n");
+        }
+        std::fflush(stdout);
+        unload_all(ctx);
+    }
+    if (in != stdin)
+        std::fclose(in);
+    return 0;
 }
 
 bool parse_options(uci_context *ctx, int argc, char **argv)
@@ -471,7 +561,11 @@ int main(int argc, char **argv)
         print_usage();
         return 0;
     }
-    int ret = dispatch(ctx, argv[optind], argc - optind - 1, argv + optind + 1);
+    int ret = -1;
+    if (command_name(argv[optind]) == "batch")
+        ret = optind + 1 == argc ? cmd_batch(ctx) : -1;
+    else
+        ret = dispatch(ctx, argv[optind], argc - optind - 1, argv + optind + 1);
     if (ret < 0) {
         print_usage();
         return 255;

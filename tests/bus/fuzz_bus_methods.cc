@@ -32,6 +32,7 @@
 #include "registry/client_node.h"
 #include "scan/client_table.h"
 #include "tests/sandbox/sandbox.h"
+#include "tests/support/bus_daemon.h"
 
 namespace
 {
@@ -55,31 +56,13 @@ void stop_ubusd()
     }
 }
 
-// Starts build/platform-bin/ubusd on the daemon's socket path (in the
-// sandbox's own "/var/run") and waits for its readiness byte; the broker
-// dies with this process.
+// Starts ubusd on the daemon's socket path (in the sandbox's own
+// "/var/run") and waits until it answers; the broker dies with this process.
 bool start_ubusd()
 {
-    const char *path = UBUS_SOCKET_PATH;
-    int fds[2];
-    if (pipe(fds) != 0)
-        return false;
-    ubusd_pid = fork();
-    if (ubusd_pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        close(fds[0]);
-        std::string bin = std::string(LR_BINARY_DIR) + "/platform-bin/ubusd";
-        std::string fd = std::to_string(fds[1]);
-        execl(bin.c_str(), "ubusd", "-s", path, "-R", fd.c_str(), static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    close(fds[1]);
-    pollfd p{fds[0], POLLIN, 0};
-    char c = 0;
-    bool ok = ubusd_pid > 0 && poll(&p, 1, 10000) == 1 && read(fds[0], &c, 1) == 1;
-    close(fds[0]);
+    ubusd_pid = lr_test::start_ubusd(UBUS_SOCKET_PATH, true);
     std::atexit(stop_ubusd);
-    return ok;
+    return ubusd_pid > 0;
 }
 
 // The daemon's connection, served like the loop serves it: one message at

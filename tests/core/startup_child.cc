@@ -15,7 +15,9 @@
 #include "core/log.h"
 #include "core/openwrt.h"
 #include "core/startup.h"
+#include "scan/lan_info.h"
 #include "tests/sandbox/sandbox.h"
+#include "tests/support/bus_daemon.h"
 
 namespace startup_child
 {
@@ -38,20 +40,8 @@ void loop_marker(uloop_timeout *) noexcept
 {
     if (!isolate() || !device_packages())
         _exit(10);
-    int ready[2];
-    if (pipe(ready) != 0)
-        _exit(11);
-    pid_t bus = fork();
-    if (bus == 0) {
-        close(ready[0]);
-        std::string fd = std::to_string(ready[1]);
-        execl(LR_BINARY_DIR "/platform-bin/ubusd", "ubusd", "-s", "/run/ubus.sock", "-R", fd.c_str(),
-              static_cast<char *>(nullptr));
-        _exit(12);
-    }
-    close(ready[1]);
-    char b;
-    if (read(ready[0], &b, 1) != 1)
+    pid_t bus = lr_test::start_ubusd("/run/ubus.sock");
+    if (bus < 0)
         _exit(13);
     // The error form goes to standard output: unbuffered into the console
     // FIFO, so nothing is lost at _exit and the order of lines is kept.

@@ -9,6 +9,7 @@
 #include "registry/client_node.h"
 #include "tests/core/fail_calloc.h"
 #include "tests/core/startup_child.h"
+#include "tests/support/bus_daemon.h"
 
 namespace
 {
@@ -29,8 +30,8 @@ TEST(Startup, FailedRecordPoolDoesNotStopStartUp)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root for namespaces";
-    if (access(LR_BINARY_DIR "/platform-bin/ubusd", X_OK) != 0)
-        GTEST_SKIP() << "needs the bus daemon of this build";
+    if (access(lr_test::ubusd_binary(), X_OK) != 0)
+        GTEST_SKIP() << "needs a bus daemon (" << lr_test::ubusd_binary() << ")";
     startup_child::run_result run = startup_child::run_with_bus(refuse_records, records_were_refused);
     const std::string &text = run.console;
     ASSERT_TRUE(WIFEXITED(run.status)) << text;

@@ -31,6 +31,7 @@
 #include "scan/lan_info.h"
 #include "scan/lease.h"
 #include "tests/core/startup_child.h"
+#include "tests/support/bus_daemon.h"
 
 namespace {
 
@@ -106,8 +107,8 @@ TEST(Startup, TraceLevelShowsTheStartLinesAndSigtermTearsDown)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root for namespaces";
-    if (access(LR_BINARY_DIR "/platform-bin/ubusd", X_OK) != 0)
-        GTEST_SKIP() << "needs the bus daemon of this build";
+    if (access(lr_test::ubusd_binary(), X_OK) != 0)
+        GTEST_SKIP() << "needs a bus daemon (" << lr_test::ubusd_binary() << ")";
     startup_child::run_result run = startup_child::run_with_bus(nullptr, nullptr);
     const std::string &text = run.console;
     ASSERT_TRUE(WIFEXITED(run.status)) << text;
@@ -205,8 +206,8 @@ TEST(Startup, MissingProfileEndsBeforeAnyRecord)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root for namespaces";
-    if (access(LR_BINARY_DIR "/platform-bin/ubusd", X_OK) != 0)
-        GTEST_SKIP() << "needs the bus daemon of this build";
+    if (access(lr_test::ubusd_binary(), X_OK) != 0)
+        GTEST_SKIP() << "needs a bus daemon (" << lr_test::ubusd_binary() << ")";
     startup_child::run_result run = startup_child::run_with_bus(
         [] { unlink("/etc/profile.d/profile"); },
         [] { return client_pool == nullptr && thread_pool == nullptr; });

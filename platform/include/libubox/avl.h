@@ -91,11 +91,11 @@ avl_is_empty(struct avl_tree *tree)
 	})
 
 #define avl_find_element(tree, key, element, node_element)		\
-	((__typeof__(*(element)) *)__avl_find_element(tree, key, element, node_element, avl_find))
+	((typeof(*(element)) *)__avl_find_element(tree, key, element, node_element, avl_find))
 #define avl_find_le_element(tree, key, element, node_element)		\
-	((__typeof__(*(element)) *)__avl_find_element(tree, key, element, node_element, avl_find_lessequal))
+	((typeof(*(element)) *)__avl_find_element(tree, key, element, node_element, avl_find_lessequal))
 #define avl_find_ge_element(tree, key, element, node_element)		\
-	((__typeof__(*(element)) *)__avl_find_element(tree, key, element, node_element, avl_find_greaterequal))
+	((typeof(*(element)) *)__avl_find_element(tree, key, element, node_element, avl_find_greaterequal))
 
 #define avl_first_element(tree, element, node_member)			\
 	container_of((tree)->list_head.next, __typeof__(*(element)), node_member.list)

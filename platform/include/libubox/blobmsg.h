@@ -331,8 +331,10 @@ int blobmsg_printf(struct blob_buf *buf, const char *name, const char *format, .
 	     (blob_pad_len(pos) >= sizeof(struct blob_attr));		\
 	     rem -= blob_pad_len(pos), pos = blob_next(pos))
 
+/* attr is the container, as in blobmsg_for_each_attr; only rem is the
+ * caller's (the byte count still to walk). */
 #define __blobmsg_for_each_attr(pos, attr, rem)				\
-	for (pos = (struct blob_attr *) attr;				\
+	for (pos = (struct blob_attr *) (attr ? blobmsg_data(attr) : NULL); \
 	     rem >= sizeof(struct blob_attr) && (blob_pad_len(pos) <= rem) && \
 	     (blob_pad_len(pos) >= sizeof(struct blob_attr));		\
 	     rem -= blob_pad_len(pos), pos = blob_next(pos))

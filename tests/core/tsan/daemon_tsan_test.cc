@@ -25,6 +25,7 @@
 
 #include "core/startup.h"
 #include "core/timers.h"
+#include "tests/support/bus_daemon.h"
 
 namespace
 {
@@ -77,18 +78,6 @@ bool private_world()
               "ip addr add 192.168.1.1/24 dev br-lan && ip link set br-lan up");
 }
 
-pid_t start_ubusd(const std::string &bin)
-{
-    pid_t pid = fork();
-    if (pid == 0) {
-        execl(bin.c_str(), "ubusd", "-s", "/var/run/ubus.sock", static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    // The bus is up once its socket accepts; poll for it.
-    for (int i = 0; i < 500 && access("/var/run/ubus.sock", F_OK) != 0; i++)
-        usleep(10000);
-    return pid;
-}
 
 int ubus_call(const std::string &cli, const std::string &json)
 {
@@ -140,14 +129,13 @@ void caller(const std::string &cli, std::atomic<int> &failures)
 
 int main()
 {
-    std::string bin = LR_BINARY_DIR;
     if (!private_world())
         return 1;
-    pid_t ubusd = start_ubusd(bin + "/platform-bin/ubusd");
+    pid_t ubusd = lr_test::start_ubusd("/var/run/ubus.sock");
     std::atomic<int> failures{0};
     // Often enough that a pass is still running when the next tick posts.
     local_report_interval = 100;
-    std::thread call_thread(caller, bin + "/platform-bin/ubus", std::ref(failures));
+    std::thread call_thread(caller, std::string(LR_UBUS_BIN), std::ref(failures));
     int r = lanroster_main();
     daemon_ended = true;
     call_thread.join();

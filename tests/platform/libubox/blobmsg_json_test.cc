@@ -3,7 +3,9 @@
 
 #include <json-c/json.h>
 
+#include <cfloat>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -133,6 +135,19 @@ TEST(JsonFormat, DoublesUseSixDecimals)
     blobmsg_add_double(buf.get(), "b", 1000);
     blobmsg_add_double(buf.get(), "c", -0.25);
     EXPECT_EQ(compact(buf.head()), R"({"a":1.500000,"b":1000.000000,"c":-0.250000})");
+}
+
+TEST(JsonFormat, HugeDoublesPrintEveryDigit)
+{
+    Buf buf;
+    blob_buf_init(buf.get(), 0);
+    blobmsg_add_double(buf.get(), "a", 1e300);
+    blobmsg_add_double(buf.get(), "b", -DBL_MAX);
+    char a[400], b[400];
+    snprintf(a, sizeof(a), "%lf", 1e300);
+    snprintf(b, sizeof(b), "%lf", -DBL_MAX);
+    ASSERT_EQ(strlen(a), 301u + 7u);  // 301 digits and ".000000"
+    EXPECT_EQ(compact(buf.head()), std::string("{\"a\":") + a + ",\"b\":" + b + "}");
 }
 
 TEST(JsonFormat, UnspecIsNull)

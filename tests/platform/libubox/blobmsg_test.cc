@@ -304,8 +304,31 @@ TEST(BlobmsgRead, ForEachOverTableAndRoot)
     EXPECT_EQ(n, 1);
     rem = blobmsg_data_len(first(buf.head()));
     n = 0;
-    __blobmsg_for_each_attr(pos, blobmsg_data(first(buf.head())), rem) n++;
+    __blobmsg_for_each_attr(pos, first(buf.head()), rem) n++;
     EXPECT_EQ(n, 2);
+}
+
+TEST(BlobmsgIter, UnderscoreFormTakesTheContainerAndTheCallersCount)
+{
+    Buf buf;
+    blob_buf_init(buf.get(), 0);
+    void *t = blobmsg_open_table(buf.get(), "t");
+    blobmsg_add_string(buf.get(), "a", "x");
+    blobmsg_add_string(buf.get(), "b", "y");
+    blobmsg_add_string(buf.get(), "c", "z");
+    blobmsg_close_table(buf.get(), t);
+    blob_attr *table = first(buf.head());
+    blob_attr *pos;
+    std::string names;
+    // A count that covers only the first child stops the walk after it.
+    size_t rem = blob_pad_len(static_cast<blob_attr *>(blobmsg_data(table)));
+    __blobmsg_for_each_attr(pos, table, rem) names += blobmsg_name(pos);
+    EXPECT_EQ(names, "a");
+    names.clear();
+    rem = blobmsg_data_len(table);
+    __blobmsg_for_each_attr(pos, table, rem) names += blobmsg_name(pos);
+    EXPECT_EQ(names, "abc");
+    EXPECT_EQ(rem, 0u);
 }
 
 // ---- blobmsg_check_attr ------------------------------------------------

@@ -576,3 +576,36 @@ TEST(LibubusLoop, ReconnectRepublishesObjects)
 	ubus_free(ctx);
 	uloop_done();
 }
+
+// Like the router's ubusd, ours takes only -A and -s: any other option is
+// refused with the usage text and exit status 1, before anything listens.
+TEST(UbusdOptions, OnlyTheRoutersOptions)
+{
+	char tmpl[] = "/tmp/ubus-opt-XXXXXX";
+	ASSERT_NE(mkdtemp(tmpl), nullptr);
+	std::string path = std::string(tmpl) + "/ubus.sock";
+	for (const char *opt : {"-R", "-h", "-x"}) {
+		int err[2];
+		ASSERT_EQ(pipe(err), 0);
+		pid_t pid = fork();
+		if (pid == 0) {
+			dup2(err[1], 2);
+			close(err[0]);
+			execl(lr_test::ubusd_binary(), "ubusd", "-s", path.c_str(), opt, "3", (char *)nullptr);
+			_exit(127);
+		}
+		close(err[1]);
+		std::string text;
+		char buf[256];
+		ssize_t n;
+		while ((n = read(err[0], buf, sizeof(buf))) > 0)  // ends when ubusd exits
+			text.append(buf, static_cast<size_t>(n));
+		close(err[0]);
+		int st = 0;
+		waitpid(pid, &st, 0);
+		EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 1) << opt;
+		EXPECT_NE(text.find("Usage: "), std::string::npos) << opt;
+		EXPECT_FALSE(lr_test::socket_answers(path.c_str())) << opt;
+	}
+	rmdir(tmpl);
+}

@@ -24,10 +24,12 @@ extern "C" {
 
 #include <gtest/gtest.h>
 
+#include "../../support/bus_daemon.h"
+
 namespace ubus_test {
 
-// Starts build/platform-bin/ubusd on a socket in a fresh directory and
-// waits for its readiness byte, so no test sleeps for start-up.
+// Starts ubusd on a socket in a fresh directory and waits until the socket
+// answers, so no test sleeps for start-up.
 class Ubusd {
 public:
 	Ubusd()
@@ -40,24 +42,9 @@ public:
 	// Starts (again) on the same socket path.
 	void start()
 	{
-		int fds[2];
-		if (pipe(fds) != 0)
-			std::abort();
-		pid_ = fork();
-		if (pid_ == 0) {
-			close(fds[0]);
-			std::string bin = std::string(LR_BINARY_DIR) + "/platform-bin/ubusd";
-			std::string fd = std::to_string(fds[1]);
-			execl(bin.c_str(), "ubusd", "-s", path_.c_str(), "-R", fd.c_str(), (char *)nullptr);
-			_exit(127);
-		}
-		close(fds[1]);
-		pollfd p{fds[0], POLLIN, 0};
-		char c = 0;
-		bool ok = poll(&p, 1, 10000) == 1 && read(fds[0], &c, 1) == 1;
-		close(fds[0]);
-		if (!ok)
-			ADD_FAILURE() << "ubusd did not start";
+		pid_ = lr_test::start_ubusd(path_.c_str());
+		if (pid_ < 0)
+			ADD_FAILURE() << "ubusd did not start (" << lr_test::ubusd_binary() << ")";
 	}
 	~Ubusd()
 	{

@@ -106,6 +106,10 @@ TEST_F(Uci, LoadErrors)
     uci_package *p = nullptr;
     EXPECT_EQ(uci_load(ctx, "nosuch", &p), UCI_ERR_NOTFOUND);
     EXPECT_EQ(uci_load(ctx, "bad.name", &p), UCI_ERR_NOTFOUND);
+    EXPECT_EQ(uci_load(ctx, "bad name", &p), UCI_ERR_INVAL);
+    EXPECT_EQ(uci_load(ctx, "bad\tname", &p), UCI_ERR_INVAL);
+    EXPECT_EQ(uci_load(ctx, "", &p), UCI_ERR_INVAL);
+    EXPECT_EQ(uci_load(ctx, "sub/test", &p), UCI_ERR_NOTFOUND);
     ASSERT_EQ(uci_load(ctx, "test", &p), UCI_OK);
     EXPECT_EQ(uci_load(ctx, "test", &p), UCI_ERR_DUPLICATE);
     EXPECT_EQ(ctx.error(), "uci: Duplicate entry");
@@ -190,10 +194,20 @@ TEST_F(Uci, LookupExtendedSectionForms)
 
 TEST_F(Uci, LookupMalformedNames)
 {
-    for (const char *bad : {"test.@host", "test.@host[x]", "test.@host[0]x", "test.bad-name", "test."}) {
+    // The whole expression is judged first: the pointer stays zeroed.
+    for (const char *bad : {"test.@host", "test.@host[x]", "test.@host[0]x", "test.bad-name", "test.",
+                            "nosuch.@host[x]"}) {
         lookup l(ctx, bad);
         EXPECT_EQ(l.rc, UCI_ERR_INVAL) << bad;
+        EXPECT_EQ(l.ptr.flags, 0) << bad;
+        EXPECT_EQ(l.ptr.package, nullptr) << bad;
+        EXPECT_EQ(l.ptr.section, nullptr) << bad;
+        EXPECT_EQ(l.ptr.option, nullptr) << bad;
+        EXPECT_EQ(l.ptr.target, 0) << bad;
+        EXPECT_EQ(l.ptr.p, nullptr) << bad;
+        EXPECT_EQ(l.ptr.last, nullptr) << bad;
     }
+    EXPECT_TRUE(uci_list_empty(&ctx.get()->root));
     lookup not_extended(ctx, "test.@host[0]", false);
     EXPECT_EQ(not_extended.rc, UCI_ERR_INVAL);
     for (const char *bad : {"test.main.", "test.main.bad-opt", "a.b.c.d", "bad!pkg.main", "test.main.x=a\001b"}) {
@@ -368,6 +382,69 @@ TEST_F(Uci, DeletedSectionsDoNotFreeTheirNumber)
     uci_package *p = load();
     lookup l(ctx, "test.cfg03fe63");
     ASSERT_EQ(uci_delete(ctx, &l.ptr), UCI_OK);
+    uci_section *s = nullptr;
+    ASSERT_EQ(uci_add_section(ctx, p, "host", &s), UCI_OK);
+    EXPECT_STREQ(s->e.name, "cfg04fe63");
+}
+
+static std::vector<std::string> section_names(const uci_package *p)
+{
+    std::vector<std::string> out;
+    uci_element *e;
+    uci_foreach_element(&p->sections, e) out.emplace_back(e->name);
+    return out;
+}
+
+// The package handed back by a commit is the file read again plus every
+// change replayed: the names made before the commit stay, and the counter
+// counts the file's sections and the replayed additions.
+TEST_F(Uci, CommitKeepsNamesAndCountsTheReplayedAdditions)
+{
+    uci_package *p = load();
+    lookup del(ctx, "test.cfg02fe63");
+    ASSERT_EQ(uci_delete(ctx, &del.ptr), UCI_OK);
+    uci_section *s = nullptr;
+    ASSERT_EQ(uci_add_section(ctx, p, "host", &s), UCI_OK);
+    EXPECT_STREQ(s->e.name, "cfg04fe63");
+    ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
+    EXPECT_EQ(section_names(p), (std::vector<std::string>{"main", "cfg03fe63", "cfg04fe63"}));
+    EXPECT_EQ(p->n_section, 4);
+    ASSERT_EQ(uci_add_section(ctx, p, "host", &s), UCI_OK);
+    EXPECT_STREQ(s->e.name, "cfg05fe63");
+    // A fresh reader of the written file counts only what the file holds.
+    uci_unload(ctx, p);
+    p = load();
+    EXPECT_EQ(section_names(p), (std::vector<std::string>{"main", "cfg02fe63", "cfg03fe63"}));
+}
+
+TEST_F(Uci, ExtraChangeDirectoriesRaiseTheCounterOnEveryLoad)
+{
+    std::filesystem::create_directory(dir / "extra");
+    write_file(dir / "extra/test", "+test.cfg09fe63='host'\n-test.cfg02fe63\n");
+    ASSERT_EQ(uci_add_delta_path(ctx, (dir / "extra").c_str()), UCI_OK);
+    uci_package *p = load();
+    EXPECT_EQ(section_names(p), (std::vector<std::string>{"main", "cfg03fe63", "cfg09fe63"}));
+    uci_section *s = nullptr;
+    ASSERT_EQ(uci_add_section(ctx, p, "host", &s), UCI_OK);
+    EXPECT_STREQ(s->e.name, "cfg05fe63");
+    ASSERT_EQ(uci_save(ctx, p), UCI_OK);
+    ASSERT_EQ(uci_commit(ctx, &p, false), UCI_OK);
+    // Extra directories are not emptied: their addition comes back.
+    EXPECT_EQ(p->n_section, 5);
+    uci_unload(ctx, p);
+    p = load();
+    EXPECT_EQ(section_names(p), (std::vector<std::string>{"main", "cfg03fe63", "cfg04fe63", "cfg09fe63"}));
+    EXPECT_EQ(p->n_section, 5);
+}
+
+TEST_F(Uci, TypeChangesLeaveTheCounter)
+{
+    uci_package *p = load();
+    lookup longer(ctx, "test.cfg02fe63=client");
+    ASSERT_EQ(uci_set(ctx, &longer.ptr), UCI_OK);
+    lookup same(ctx, "test.cfg03fe63=node");
+    ASSERT_EQ(uci_set(ctx, &same.ptr), UCI_OK);
+    EXPECT_EQ(p->n_section, 3);
     uci_section *s = nullptr;
     ASSERT_EQ(uci_add_section(ctx, p, "host", &s), UCI_OK);
     EXPECT_STREQ(s->e.name, "cfg04fe63");

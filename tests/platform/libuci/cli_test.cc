@@ -250,10 +250,91 @@ TEST_F(UciCli, UsageAndExitCodes)
 {
     auto none = uci({});
     EXPECT_EQ(none.code, 0);
-    EXPECT_NE(none.err.find("usage"), std::string::npos);
+    EXPECT_EQ(none.out, "");
+    EXPECT_EQ(none.err.rfind("Usage: uci [<options>] <command> [<arguments>]\n", 0), 0u) << none.err;
+    EXPECT_NE(none.err.find("\tbatch"), std::string::npos);
+    auto unknown = uci({"frobnicate"});
+    EXPECT_EQ(unknown.out, "");
+    EXPECT_EQ(unknown.err.rfind("Usage: uci ", 0), 0u);
     EXPECT_EQ(uci({"frobnicate"}).code, 255);
     EXPECT_EQ(uci({"get"}).code, 255);
     EXPECT_EQ(uci({"get", "a.b", "c.d"}).code, 255);
     EXPECT_EQ(uci({"add", "test"}).code, 255);
     EXPECT_EQ(run_uci({"-Z"}).code, 255);
+}
+
+TEST_F(UciCli, CommandNamesIgnoreCaseAndHaveShortForms)
+{
+    EXPECT_EQ(uci({"GET", "test.main.hostname"}).out, "router\n");
+    EXPECT_EQ(uci({"Set", "test.main.hostname=gw"}).code, 0);
+    EXPECT_EQ(uci({"ren", "test.main.hostname=name"}).code, 0);
+    EXPECT_EQ(uci({"get", "test.main.name"}).out, "gw\n");
+    EXPECT_EQ(uci({"DEL", "test.main.name"}).code, 0);
+    EXPECT_EQ(uci({"get", "test.main.name"}).code, 1);
+}
+
+TEST_F(UciCli, BatchRunsOneCommandPerLine)
+{
+    auto r = uci({"batch"},
+                 "set test.main.hostname='gate way'\n"
+                 "\n"
+                 "get test.main.hostname\n"
+                 "add test host\n"
+                 "SET test.@host[-1].mac=\"aa:bb\"\n"
+                 "get test.@host[-1].mac\n"
+                 "commit test\n");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.out, "gate way\ncfg04fe63\naa:bb\n");
+    EXPECT_NE(conf().find("\toption hostname 'gate way'\n"), std::string::npos);
+    EXPECT_NE(conf().find("\toption mac 'aa:bb'\n"), std::string::npos);
+}
+
+TEST_F(UciCli, BatchGoesOnPastErrorsAndEndsAtExit)
+{
+    auto r = uci({"batch"},
+                 "frobnicate a\n"
+                 "get test.main.nosuch\n"
+                 "set test.main.a=1 b c\n"
+                 "get a b c d e\n"
+                 "get\n"
+                 "batch\n"
+                 "get test.main.hostname\n"
+                 "Exit\n"
+                 "get test.main.hostname\n");
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.out, "router\n");
+    EXPECT_EQ(r.err,
+              "Unknown command\n"
+              "uci: Entry not found\n"
+              "Unknown command\n"
+              "Too many arguments\n"
+              "Unknown command\n"
+              "Unknown command\n");
+    EXPECT_FALSE(std::filesystem::exists(dir / "save/test"));
+}
+
+TEST_F(UciCli, BatchSeesChangesStoredByEarlierCommands)
+{
+    // Nothing stays loaded between commands: a change saved by one command
+    // is read back by the next, and a commit writes all of them.
+    auto r = uci({"batch"},
+                 "set test.main.a=1\n"
+                 "set test.main.b=2\n"
+                 "changes test\n"
+                 "commit\n"
+                 "changes test\n");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "test.main.a='1'\ntest.main.b='2'\n");
+    EXPECT_NE(conf().find("\toption a '1'\n\toption b '2'\n"), std::string::npos);
+}
+
+TEST_F(UciCli, BatchReadsTheFileGivenWithF)
+{
+    write_file(dir / "cmds", "get test.main.hostname\nget test.@host[0].mac\n");
+    auto r = uci({"-f", dir / "cmds", "batch"}, "get test.main\n");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "router\n00:11:22:33:44:55\n");
+    auto last = uci({"batch"}, "get test.main");  // no newline at the end
+    EXPECT_EQ(last.out, "system\n");
 }

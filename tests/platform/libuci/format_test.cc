@@ -145,12 +145,38 @@ TEST(UciFormat, ParseErrors)
     EXPECT_EQ(import_status("config a x\n option v \"open\n"), UCI_ERR_PARSE);
     EXPECT_EQ(import_status("option v 1\n"), UCI_ERR_PARSE);
     EXPECT_EQ(import_status("config a x\n option v 1 2\n", &err), UCI_ERR_PARSE);
-    EXPECT_EQ(err, "Parse error (too many arguments) at line 2, byte 1");
+    EXPECT_EQ(err, "Parse error (too many arguments) at line 2, byte 14");
     EXPECT_EQ(import_status("config a bad-name\n"), UCI_ERR_PARSE);
     EXPECT_EQ(import_status("config a x\n option bad-opt 1\n"), UCI_ERR_PARSE);
     EXPECT_EQ(import_status("config a x\nconfig b x\n"), UCI_ERR_PARSE);
     EXPECT_EQ(import_status("config a x\n option v 'a\001b'\n"), UCI_ERR_PARSE);
     EXPECT_EQ(import_status("config a x\nconfig a x\n"), UCI_OK);
+}
+
+// An error found once the statement was read names the line where it began
+// and, as the byte, the length of what was read: the line and its newline.
+TEST(UciFormat, ParseErrorPositions)
+{
+    std::string err;
+    EXPECT_EQ(import_status("config a x\n\toption x 1 extra\n", &err), UCI_ERR_PARSE);
+    EXPECT_EQ(err, "Parse error (too many arguments) at line 2, byte 18");
+    EXPECT_EQ(import_status("config a 'one'\nconfig b 'one'\n", &err), UCI_ERR_PARSE);
+    EXPECT_EQ(err, "Parse error (section of different type overwrites prior section with same name) at line 2, byte 15");
+    EXPECT_EQ(import_status("config a x\n\nconfig b 'a b'\n", &err), UCI_ERR_PARSE);
+    EXPECT_EQ(err, "Parse error (invalid character in name field) at line 3, byte 15");
+    // A value that runs over lines: the line where the statement began, and
+    // the byte counts across the lines read.
+    EXPECT_EQ(import_status("config a x\n option v 'two\nlines' extra\n", &err), UCI_ERR_PARSE);
+    EXPECT_EQ(err, "Parse error (too many arguments) at line 2, byte 28");
+}
+
+TEST(UciFormat, UnterminatedQuoteIsReportedWhereTheValueBegan)
+{
+    std::string err;
+    EXPECT_EQ(import_status("config a x\n option v 'open\nmore\n\n", &err), UCI_ERR_PARSE);
+    EXPECT_EQ(err.rfind("Parse error (EOF with unterminated ') at line 2, byte ", 0), 0u) << err;
+    EXPECT_EQ(import_status("config a x\n\n option v \"open\n", &err), UCI_ERR_PARSE);
+    EXPECT_EQ(err.rfind("Parse error (EOF with unterminated \") at line 3, byte ", 0), 0u) << err;
 }
 
 TEST(UciFormat, OddTypesStayReadable)

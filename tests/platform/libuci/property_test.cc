@@ -196,7 +196,14 @@ int lib_step(uci_context *ctx, const step &s)
         uci_package *p = uci_lookup_package(ctx, "prop");
         if (!p && uci_load(ctx, "prop", &p) != UCI_OK)
             return -1;
-        return uci_commit(ctx, &p, false);
+        // The committed package keeps the anonymous names it had; after
+        // deletes, a fresh reader of the file names them differently, and a
+        // later change recorded under an old name would miss on the next
+        // commit. So edits go on from the file as written.
+        int rc = uci_commit(ctx, &p, false);
+        if (p)
+            uci_unload(ctx, p);
+        return rc;
     }
     bool option = s.kind != op::del_section;
     bool value = s.kind == op::set || s.kind == op::add_list || s.kind == op::del_list;
