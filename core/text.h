@@ -13,7 +13,10 @@ template <size_t N> inline void copy_str(char (&dst)[N], std::string_view src) n
 {
     static_assert(N > 0);
     size_t n = src.size() < N - 1 ? src.size() : N - 1;
-    std::memcpy(dst, src.data(), n);
+    // An empty view may hold no pointer at all (a JSON null, say), and
+    // memcpy must not be given one.
+    if (n > 0)
+        std::memcpy(dst, src.data(), n);
     dst[n] = '\0';
 }
 
