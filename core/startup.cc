@@ -13,6 +13,7 @@
 #include "core/timers.h"
 #include "core/uci_util.h"
 #include "core/watch.h"
+#include "recognition/name_probe.h"
 #include "registry/client_node.h"
 #include "registry/compare.h"
 #include "scan/client_table.h"
@@ -27,7 +28,6 @@ namespace
 
 // Call sites of the parts that are not in yet; each succeeds and does
 // nothing, in its place in the order.
-void name_probe_init() noexcept {} // the two name-probe methods
 int get_system_info() noexcept
 {
     return 0;
