@@ -314,8 +314,10 @@ int fing_state_load_table() noexcept
         if (rows >= FING_STATE_ROWS)
             break;
         uci_section *s = uci_to_section(e);
+        // Client sections are named by a MAC; global and anything a script
+        // added under another name stay out of the table.
         if (!s->type || std::strcmp(s->type, FING_SECTION_TYPE) != 0 ||
-            std::strcmp(e->name, FING_GLOBAL_SECTION) == 0)
+            std::strcmp(e->name, FING_GLOBAL_SECTION) == 0 || std::strlen(e->name) != FING_MAC_TEXT)
             continue;
         fill_row(fing_state_table[rows++], s);
     }

@@ -306,3 +306,14 @@ int socket_wait_readable(int fd, int timeout_ms) noexcept
     }
     return 0;
 }
+
+void name_cache_clear() noexcept
+{
+    mutex_guard hold(name_cache_lock);
+    while (name_cache_head) {
+        name_cache_entry *next = name_cache_head->next;
+        free(name_cache_head);
+        name_cache_head = next;
+    }
+    name_cache_count = 0;
+}
