@@ -204,7 +204,8 @@ bool fing_state_section_line(std::string_view line, std::span<char, 13> name) no
         return false;
     char text[13] = {};
     std::memcpy(text, section.data(), FING_MAC_TEXT);
-    if (!fing_state_name_ok(text))
+    // A NUL inside the field would hide the rest of it from the name check.
+    if (strnlen(text, sizeof(text)) != FING_MAC_TEXT || !fing_state_name_ok(text))
         return false;
     std::memcpy(name.data(), text, sizeof(text));
     return true;

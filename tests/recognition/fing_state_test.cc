@@ -83,6 +83,8 @@ TEST(FingStateLine, OtherLinesAreNotSections)
                              "fing.AABBCCDDEE;F='state'", "", "=", "fing.", "fing.AABBCCDDEEFF=", "garbage\x01\xff",
                              "fing.AABBCCDDEEFF='state"})
         EXPECT_FALSE(fing_state_section_line(line, name)) << line;
+    const char nul[] = "fing.AABBC\0\0\0\x1a" "EFF='state'";
+    EXPECT_FALSE(fing_state_section_line(std::string_view(nul, sizeof(nul) - 1), name));
     EXPECT_STREQ(name, "untouched");
 }
 
