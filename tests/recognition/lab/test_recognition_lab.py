@@ -8,6 +8,8 @@ name probes, through the production daemon (lanroster) in the lab's router.
 - Names: silent clients are asked by NetBIOS and reverse mDNS, and answer
   through the lab's responder, normally and with replies no real responder
   sends; the names reach the bus (printable only) and "/var/state/fing".
+- Real responders: Debian's avahi-daemon (without D-Bus) and Samba's nmbd,
+  each in a client namespace.
 - The state store is shared with scripts (`uci -P /var/state`), and garbage
   lines in a hand-edited delta file are read past.
 
@@ -17,6 +19,7 @@ names appear on the bus after a later scan pass, which the tests wait for.
 """
 import json
 import os
+import shutil
 import sys
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -213,5 +216,71 @@ def test_store_shared_with_scripts(c):
         c.equal(state_get(sb, f"fing.{hex_mac(quiet)}.mdns_name"), "scripted-name", "the script's value stays")
 
 
+def start_avahi(lab, c):
+    """Debian's avahi-daemon in the client's namespace, without D-Bus; its
+    pid file goes to a /run of its own."""
+    d = os.path.join(lab.dir, "avahi-" + c.name)
+    os.makedirs(d, exist_ok=True)
+    conf = os.path.join(d, "avahi-daemon.conf")
+    with open(conf, "w") as f:
+        f.write("[server]\nhost-name=avahi-box\nuse-ipv4=yes\nuse-ipv6=yes\nallow-interfaces=eth0\n"
+                "enable-dbus=no\n[publish]\npublish-addresses=yes\npublish-hinfo=no\n"
+                "publish-workstation=no\n")
+    script = ("mount -t tmpfs none /run && mkdir -p /run/avahi-daemon && exec avahi-daemon -f \"$0\" "
+              "--no-drop-root --no-chroot --no-rlimits")
+    lab.spawn("avahi:" + c.name, ["unshare", "-m", "sh", "-c", script, conf], ns=c.ns,
+              log_name=f"avahi-{c.name}.log")
+    return os.path.join(lab.dir, f"avahi-{c.name}.log"), "Server startup complete"
+
+
+def start_nmbd(lab, c, name, workgroup):
+    """Samba's nmbd in the client's namespace with directories of its own."""
+    d = os.path.join(lab.dir, "samba-" + c.name)
+    dirs = {"lock directory": "lock", "state directory": "state", "cache directory": "cache",
+            "private dir": "private", "pid directory": "pid", "ncalrpc dir": "ncalrpc"}
+    for sub in dirs.values():
+        os.makedirs(os.path.join(d, sub), exist_ok=True)
+    conf = os.path.join(d, "smb.conf")
+    with open(conf, "w") as f:
+        f.write(f"[global]\nnetbios name = {name}\nworkgroup = {workgroup}\ninterfaces = eth0\n"
+                "bind interfaces only = yes\n" + "".join(f"{k} = {d}/{v}\n" for k, v in dirs.items()) +
+                f"log file = {d}/log\n")
+    lab.spawn("nmbd:" + c.name, ["nmbd", "-F", "--no-process-group", "--debug-stdout", "-s", conf], ns=c.ns,
+              log_name=f"nmbd-{c.name}.log")
+    return os.path.join(lab.dir, f"nmbd-{c.name}.log"), "is now a local master browser"
+
+
+def log_has(path, text):
+    try:
+        with open(path, errors="replace") as f:
+            return text in f.read()
+    except OSError:
+        return False
+
+
+def test_real_responders(c):
+    for tool in ("avahi-daemon", "nmbd"):
+        if not shutil.which(tool):
+            c.check(False, f"{tool} installed (scripts/packages/recognition.list)")
+            return
+    with Lab() as lab:
+        lab.add_port("lan1")
+        av, nb = lab.add_clients([dict(name="av", port="lan1", dhcp=False, ipv6=True),
+                                  dict(name="nb", port="lan1", dhcp=False)])
+        ready = [start_avahi(lab, av), start_nmbd(lab, nb, "SAMBABOX", "LABGROUP")]
+        # Five unanswered searches would give the fallback name for 600 s, so
+        # the responders are up before the daemon asks.
+        for path, text in ready:
+            c.check(wait_until(lambda: log_has(path, text), 90), f"{os.path.basename(path)}: {text}")
+        sb = daemon_sandbox(lab, c)
+        if not sb:
+            return
+        want = {dashed(av): "avahi-box", dashed(nb): "SAMBABOX"}
+        got = wait_until(lambda: all(names(sb).get(m) == v for m, v in want.items()), NAME_WAIT)
+        c.check(got, "names from avahi-daemon (reverse PTR) and nmbd (node status)", f"{names(sb)}")
+        c.equal(state_get(sb, f"fing.{hex_mac(av)}.mdns_name"), "avahi-box", "mdns_name from avahi")
+        c.equal(state_get(sb, f"fing.{hex_mac(nb)}.netbios_name"), "SAMBABOX", "netbios_name from nmbd")
+
+
 labtest.main([test_burst_of_new_clients, test_smart_home_off, test_names_from_responders,
-              test_malformed_replies, test_store_shared_with_scripts])
+              test_malformed_replies, test_store_shared_with_scripts, test_real_responders])
