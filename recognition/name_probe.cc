@@ -37,7 +37,7 @@ constexpr int PROBE_ATTEMPTS = 2;
 // A waiting probe looks at the stop flag this often.
 constexpr int STOP_POLL_MS = 50;
 // Probe threads need little stack: a name and one reply buffer.
-constexpr size_t PROBE_STACK = 128 * 1024;
+constexpr size_t PROBE_STACK = size_t{128} * 1024;
 
 name_cache_entry *find_entry_locked(const uint8_t mac[6])
 {

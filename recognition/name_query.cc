@@ -169,7 +169,7 @@ int mdns_probe_v6(const char *ip6_text, std::span<char, NAME_TEXT_MAX> out, int 
     if (bind(fd.get(), reinterpret_cast<sockaddr *>(&local), sizeof(local)) != 0)
         return 0;
     char hex[33];
-    for (int i = 0; i < 16; i++)
+    for (size_t i = 0; i < sizeof(addr); i++)
         std::snprintf(hex + 2 * i, 3, "%02hhX", addr[i]);
     uint8_t query[MDNS_IP6_QUERY_LEN];
     uint16_t id = take_id(mdns_query_seq);

@@ -21,6 +21,7 @@
 #include "recog_test_util.h"
 #include "recognition/fing_state.h"
 #include "recognition/name_probe.h"
+#include "registry/run_command.h"
 #include "scan/lan_info.h"
 
 using namespace recogtest;
@@ -466,5 +467,59 @@ TEST(NameProbe, MdnsIp4OverLoopback)
         t.join();
         EXPECT_STREQ(out, "living-room-tv");
         EXPECT_EQ(uci_get("fing." + regtest::hex_mac(11) + ".mdns_name"), "living-room-tv");
+    }));
+}
+
+namespace {
+
+int ip_command(std::vector<const char *> args)
+{
+    args.insert(args.begin(), "ip");
+    args.push_back(nullptr);
+    return run_command_wait(args.data());
+}
+
+}  // namespace
+
+TEST(NameProbe, MdnsIp6OverTheLanBridge)
+{
+    EXPECT_TRUE(run_in_store([] {
+        ASSERT_TRUE(bring_up_loopback());
+        // An empty LAN bridge with a link-local address usable at once.
+        ASSERT_EQ(ip_command({"link", "add", "br-lan", "type", "bridge"}), 0);
+        ASSERT_EQ(ip_command({"link", "set", "br-lan", "multicast", "on", "up"}), 0);
+        ASSERT_EQ(ip_command({"addr", "add", "fe80::1/64", "dev", "br-lan", "nodad"}), 0);
+        int fd = socket(AF_INET6, SOCK_DGRAM, 0);
+        int one = 1;
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof(one));
+        sockaddr_in6 a{};
+        a.sin6_family = AF_INET6;
+        a.sin6_port = htons(5353);
+        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof(a)), 0);
+        ipv6_mreq mreq{};
+        inet_pton(AF_INET6, "ff02::fb", &mreq.ipv6mr_multiaddr);
+        mreq.ipv6mr_interface = if_nametoindex("br-lan");
+        ASSERT_EQ(setsockopt(fd, IPPROTO_IPV6, IPV6_JOIN_GROUP, &mreq, sizeof(mreq)), 0);
+        timeval tv{5, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+        std::thread t([fd] {
+            uint8_t buf[2048];
+            sockaddr_in6 peer{};
+            socklen_t plen = sizeof(peer);
+            ssize_t n = recvfrom(fd, buf, sizeof(buf), 0, reinterpret_cast<sockaddr *>(&peer), &plen);
+            if (n > 0) {
+                bytes reply = mdns_reply(bytes(buf, buf + n), {"printer", "local"});
+                sendto(fd, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr *>(&peer), plen);
+            }
+            close(fd);
+        });
+        char out[NAME_TEXT_MAX] = {};
+        uint8_t mac[6];
+        mac_of(mac, 12);
+        int got = mdns_probe_v6("fe80::1", out, 2000, mac);
+        t.join();
+        EXPECT_GT(got, 103) << "the bytes received";
+        EXPECT_STREQ(out, "printer");
+        EXPECT_EQ(uci_get("fing." + regtest::hex_mac(12) + ".mdns_name"), "") << "the IPv6 query stores nothing";
     }));
 }
