@@ -216,6 +216,21 @@ def test_store_shared_with_scripts(c):
         c.equal(state_get(sb, f"fing.{hex_mac(quiet)}.mdns_name"), "scripted-name", "the script's value stays")
 
 
+def test_hook_name_is_cleaned(c):
+    with Lab(mode="ap") as lab:
+        lab.add_gateway()
+        lab.add_port("lan1")
+        cl = lab.add_client("cafe", port="lan1", dhcp=False)
+
+        def hook(sb):
+            sb.write_hook_file([{"mac": cl.mac.upper(), "ipaddr": cl.ip, "name": "caf\u00e9-tv", "type": -1,
+                                 "obt_name_ok": 1}])
+        sb = daemon_sandbox(lab, c, hook)
+        if not sb:
+            return
+        c.equal(names(sb).get(dashed(cl)), "caf^^-tv", "a UTF-8 name from the hook file, cleaned")
+
+
 def start_avahi(lab, c):
     """Debian's avahi-daemon in the client's namespace, without D-Bus; its
     pid file goes to a /run of its own."""
@@ -283,4 +298,5 @@ def test_real_responders(c):
 
 
 labtest.main([test_burst_of_new_clients, test_smart_home_off, test_names_from_responders,
-              test_malformed_replies, test_store_shared_with_scripts, test_real_responders])
+              test_malformed_replies, test_store_shared_with_scripts, test_hook_name_is_cleaned,
+              test_real_responders])
