@@ -2,21 +2,14 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <net/if.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 
-#include "core/log.h"
 #include "core/locks.h"
 #include "core/stop.h"
-#include "core/unique_fd.h"
 #include "recognition/fing_state.h"
-#include "scan/lan_info.h"
 
 probe_method *probe_method_head = nullptr;
 name_cache_entry *name_cache_head = nullptr;
@@ -91,7 +84,7 @@ name_cache_entry *add_entry_locked(const uint8_t ip6_local[16], uint32_t ip, con
 
 void start_probe_locked(name_cache_entry *e)
 {
-    if (probe_threads >= PROBE_THREADS_MAX || !probe_method_head)
+    if (probe_threads >= PROBE_THREADS_MAX || !probe_method_head || lr_stopping())
         return;
     auto *mac = static_cast<uint8_t *>(malloc(6));
     if (!mac)
