@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/locks.h"
 #include "core/text.h"
 #include "core/uci_util.h"
 #include "registry/run_command.h"
@@ -28,6 +29,7 @@ constexpr size_t MAC_NUM_SIZE = 8;
 // Lines of the delete list: a section name and its newline.
 constexpr size_t DELETE_LINE_MAX = 16;
 constexpr char MAC_NUM_OPTION[] = "mac_num";
+pthread_mutex_t ensure_lock = PTHREAD_MUTEX_INITIALIZER;
 
 struct file_close {
     void operator()(FILE *f) const noexcept
@@ -267,6 +269,9 @@ int fing_state_ensure(const char *package, const char *section) noexcept
 {
     if (!fing_state_name_ok(package) || !fing_state_name_ok(section))
         return -1;
+    // Probe threads make sections at the same moment; one at a time, no
+    // count of mac_num is lost between them and the limit holds.
+    mutex_guard hold(ensure_lock);
     char target[64];
     snprintf(target, sizeof(target), "%s.%s", package, section);
     char seen[ENSURE_READ + 1] = {};

@@ -5,6 +5,8 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "../registry/registry_test_util.h"
 #include "recog_test_util.h"
@@ -318,5 +320,18 @@ TEST(FingStateTable, FailedLoadKeepsTable)
         unlink("/etc/config/fing");
         EXPECT_EQ(fing_state_load_table(), 0);
         EXPECT_EQ(fing_state_count, 2);
+    }));
+}
+
+TEST(FingStateStore, ConcurrentEnsuresCountEverySection)
+{
+    EXPECT_TRUE(run_in_store([] {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 8; i++)
+            threads.emplace_back([i] { fing_state_ensure(FING_PACKAGE, client_name(i).c_str()); });
+        for (auto &t : threads)
+            t.join();
+        EXPECT_EQ(get("global", "mac_num"), "8");
+        EXPECT_EQ(client_sections(), 8);
     }));
 }
