@@ -5,10 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/locks.h"
 #include "core/text.h"
 #include "core/uci_util.h"
 #include "registry/run_command.h"
@@ -29,7 +29,11 @@ constexpr size_t MAC_NUM_SIZE = 8;
 // Lines of the delete list: a section name and its newline.
 constexpr size_t DELETE_LINE_MAX = 16;
 constexpr char MAC_NUM_OPTION[] = "mac_num";
-pthread_mutex_t ensure_lock = PTHREAD_MUTEX_INITIALIZER;
+// The daemon's writers of the store (probe threads, workers) go one at a
+// time: a save, a revert and the uci command each rewrite the delta file,
+// and two at once could lose the other's change (mac_num above all).
+// Scripts still race with the daemon; what they lose is learnt again.
+std::recursive_mutex store_lock;
 
 struct file_close {
     void operator()(FILE *f) const noexcept
@@ -237,6 +241,7 @@ int fing_state_set(const char *package, const char *section, const char *option,
     char path[192];
     if (!value || !option_path(path, sizeof(path), package, section, option))
         return -1;
+    std::lock_guard hold(store_lock);
     uci_context_ptr ctx = state_context();
     if (!ctx)
         return -1;
@@ -269,9 +274,7 @@ int fing_state_ensure(const char *package, const char *section) noexcept
 {
     if (!fing_state_name_ok(package) || !fing_state_name_ok(section))
         return -1;
-    // Probe threads make sections at the same moment; one at a time, no
-    // count of mac_num is lost between them and the limit holds.
-    mutex_guard hold(ensure_lock);
+    std::lock_guard hold(store_lock);
     char target[64];
     snprintf(target, sizeof(target), "%s.%s", package, section);
     char seen[ENSURE_READ + 1] = {};
@@ -296,6 +299,7 @@ int fing_state_ensure(const char *package, const char *section) noexcept
 
 int fing_state_evict_one() noexcept
 {
+    std::lock_guard hold(store_lock);
     int evicted = -1;
     int seen = each_client_section([&](const char *name) {
         evicted = revert_section(name) < 0 ? -1 : 0;
@@ -369,6 +373,7 @@ int fing_state_set_http_upload(const char *mac_text, uint8_t value) noexcept
 
 int fing_state_resync() noexcept
 {
+    std::lock_guard hold(store_lock);
     int count = each_client_section([](const char *) { return true; });
     if (count < 0)
         return -1;
@@ -397,6 +402,7 @@ int fing_state_resync() noexcept
 
 int fing_state_delete_listed() noexcept
 {
+    std::lock_guard hold(store_lock);
     file_ptr list(fopen(FING_DELETE_FILE, "r"));
     if (!list)
         return -1;
