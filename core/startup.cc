@@ -14,6 +14,7 @@
 #include "core/uci_util.h"
 #include "core/watch.h"
 #include "db/system_info.h"
+#include "recognition/name_probe.h"
 #include "registry/client_node.h"
 #include "registry/compare.h"
 #include "scan/client_table.h"
@@ -26,7 +27,6 @@ namespace
 
 // Call sites of the parts that are not in yet; each succeeds and does
 // nothing, in its place in the order.
-void name_probe_init() noexcept {} // the two name-probe methods
 int new_client_asscess_init() noexcept
 {
     return 0;

@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "db/system_info.h"
+#include "recognition/new_client_notify.h"
 #include "registry/history_list_mgmt.h"
 #include "registry/rwlock_guard.h"
 #include "scan/client_table.h"
@@ -19,9 +20,13 @@
 namespace
 {
 
-// Rows of each status. The report queues of new clients join the row of
-// status 1 in front of the store write when they exist.
+// Rows of each status. A new client is queued for the smart-home service,
+// the new-client notifier and the recognition batches before the store
+// write.
 const callback_pair new_access_rows[] = {
+    {.in_thread = 0, .function = smart_home_client_add},
+    {.in_thread = 0, .function = new_access_client_add},
+    {.in_thread = 0, .function = fing_report_client_add},
     {.in_thread = 0, .function = uci_update_cfg_file},
     {.in_thread = 0, .function = nullptr},
 };
@@ -159,8 +164,11 @@ const status_callback_row status_callback_table[] = {
 };
 
 // Report flushes, policy values of new clients, the cloud upload and user
-// agents join here, in that order, as they come.
+// agents, in that order. The policy values of new clients (between the two
+// flushes), the recognition batch flush and what follows are not in yet.
 const callback_pair end_of_pass_table[] = {
+    {.in_thread = 0, .function = smart_home_flush},
+    {.in_thread = 0, .function = new_access_flush},
     {.in_thread = 0, .function = nullptr},
 };
 

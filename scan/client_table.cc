@@ -11,6 +11,8 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "registry/client_node.h"
+#include "recognition/fing_state.h"
+#include "recognition/name_probe.h"
 #include "scan/arp.h"
 #include "scan/bridge.h"
 #include "scan/lan_info.h"
@@ -126,12 +128,23 @@ pass_fdb fdb_of_pass;
 // keeps its place in the order of the pass.
 void add_hook_stations_locked() {}  // stations of an access point or repeater
 void run_ipv6_phases_locked() {}    // IPv6 neighbours and Neighbor Solicitation
-void clean_name(char * /*text*/) {} // the recognition store's text cleaning
-int name_from_probe_cache(client_table_entry * /*e*/)
+
+// Names of the recognition store: its text cleaning, the probe cache and the
+// mDNS name a probe once wrote.
+void clean_name(char *text)
 {
-    return 0;
+    fing_text_clean(text);
 }
-void name_from_state_store(const client_table_entry * /*e*/, char * /*out*/, size_t /*size*/) {}
+int name_from_probe_cache(client_table_entry *e)
+{
+    return get_client_name(e->ip6_local, e->ip, e->mac, e->hostname);
+}
+void name_from_state_store(const client_table_entry *e, char *out, size_t size)
+{
+    char section[13];
+    fing_mac_text(e->mac, section);
+    fing_state_get(FING_PACKAGE, section, "mdns_name", out, size);
+}
 
 bool lease_names(const lease_row &row)
 {

@@ -60,7 +60,7 @@ class Port:
 class Client:
     def __init__(self, lab, name, mac, port, *, dhcp=True, hostname=None, ip=None,
                  ipv4=True, ipv6=False, ip6=None, silent=False, mdns=None,
-                 netbios=None, workgroup="WORKGROUP", vendor_class=None):
+                 netbios=None, workgroup="WORKGROUP", vendor_class=None, responder_mode="normal"):
         self.lab, self.name, self.mac, self.port = lab, name, mac.lower(), port
         self.dhcp = dhcp and ipv4
         self.hostname = hostname
@@ -70,6 +70,7 @@ class Client:
         self.ip6 = ip6
         self.silent = silent
         self.mdns, self.netbios, self.workgroup = mdns, netbios, workgroup
+        self.responder_mode = responder_mode
         self.vendor_class = vendor_class
         self.ns = lab.ns_name(f"c-{name}")
         self.local_if = None     # the veth end in the router or switch namespace
@@ -342,7 +343,8 @@ class Lab:
         a first packet to the router so the router's tables learn them.
         Each spec: name, and optionally mac, port (name; None for a port of
         its own), dhcp, hostname, ip, ipv4, ipv6, silent, mdns, netbios,
-        workgroup, vendor_class, up (default True)."""
+        workgroup, vendor_class, responder_mode (malformed replies, see
+        responder.py), up (default True)."""
         made = []
         for spec in specs:
             spec = dict(spec)
@@ -550,6 +552,8 @@ class Lab:
             argv += ["--mdns", c.mdns]
         if c.netbios:
             argv += ["--netbios", c.netbios, "--workgroup", c.workgroup]
+        if c.responder_mode != "normal":
+            argv += ["--mode", c.responder_mode]
         ready = argv[3]
         if os.path.exists(ready):
             os.unlink(ready)
@@ -604,7 +608,8 @@ class Lab:
             spec = dict(name=c.name, mac=c.mac, port=c.port.name if c.port.kind != "direct" else None,
                         dhcp=c.dhcp, hostname=c.hostname, ip=None if c.dhcp else c.ip,
                         ipv4=c.ipv4, ipv6=c.ipv6, ip6=c.ip6, silent=False, mdns=c.mdns,
-                        netbios=c.netbios, workgroup=c.workgroup, vendor_class=c.vendor_class)
+                        netbios=c.netbios, workgroup=c.workgroup, vendor_class=c.vendor_class,
+                        responder_mode=c.responder_mode)
             return self.add_clients([spec])[0]
         if c.state == "silent":
             util.run(util.in_netns(c.ns, ["nft", "delete", "table", "netdev", "lab_silent"]),

@@ -64,7 +64,7 @@ def reverse_name(addr):
 
 
 def mdns_answer(pkt, qend, name):
-    rdata = b"".join(bytes([len(p)]) + p.encode() for p in (name, "local")) + b"\0"
+    rdata = b"".join(bytes([len(p.encode())]) + p.encode() for p in (name, "local")) + b"\0"
     header = pkt[0:2] + struct.pack("!HHHHH", 0x8400, 1, 1, 0, 0)
     answer = struct.pack("!HHHIH", 0xC00C, 12, 1, 120, len(rdata)) + rdata
     return header + pkt[12:qend] + answer
@@ -80,6 +80,33 @@ def netbios_answer(pkt, name, workgroup):
     return header + qname + struct.pack("!HHIH", 0x21, 1, 0, len(rdata)) + rdata
 
 
+# Replies no real responder sends, for the daemon's parsers (--mode).
+MODES = ("normal", "truncated", "oversized", "loop", "sixteen", "highbytes")
+
+
+def malformed_netbios(reply, mode):
+    if mode == "truncated":
+        return reply[:60]
+    if mode == "oversized":
+        table = b"".join(b"X%02d".ljust(15) % i + b"\xff\x84\x00" for i in range(80))
+        return reply[:56] + bytes([255]) + table + b"\xee" * 600
+    if mode == "sixteen":
+        # the first name fills all 16 bytes: no terminator before the flags
+        return reply[:57] + b"ABCDEFGHIJKLMNOP" + reply[73:]
+    return reply
+
+
+def malformed_mdns(reply, qend, mode):
+    if mode == "truncated":
+        return reply[:qend + 14]
+    if mode == "oversized":
+        return reply[:qend + 10] + struct.pack("!H", 1200) + (b"\x3f" + b"o" * 63) * 20 + b"\0" * 900
+    if mode == "loop":
+        # the answer's data points at itself
+        return reply[:qend + 10] + struct.pack("!HH", 2, 0xC000 | (qend + 12))
+    return reply
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--mdns")
@@ -88,6 +115,7 @@ def main():
     ap.add_argument("--ready")
     ap.add_argument("--log")
     ap.add_argument("--ifname", default="eth0")
+    ap.add_argument("--mode", choices=MODES, default="normal")
     a = ap.parse_args()
     socks = {}
     if a.mdns:
@@ -122,7 +150,7 @@ def main():
             reply = None
             if kind == "netbios":
                 if len(pkt) >= 50 and pkt[46:48] == b"\x00\x21":
-                    reply = netbios_answer(pkt, a.netbios, a.workgroup)
+                    reply = malformed_netbios(netbios_answer(pkt, a.netbios, a.workgroup), a.mode)
             else:
                 q = parse_question(pkt)
                 if q and struct.unpack("!H", pkt[2:4])[0] & 0x8000 == 0:
@@ -130,7 +158,7 @@ def main():
                     own = own_ipv4(a.ifname) if kind == "mdns4" else own_ipv6_local(a.ifname)
                     if own and labels == reverse_name(own) and \
                             struct.unpack("!H", pkt[qend - 4:qend - 2])[0] == 12:
-                        reply = mdns_answer(pkt, qend, a.mdns)
+                        reply = malformed_mdns(mdns_answer(pkt, qend, a.mdns), qend, a.mode)
             if reply is not None:
                 try:
                     s.sendto(reply, peer)

@@ -12,6 +12,7 @@
 
 #include "core/timers.h"
 #include "db/system_info.h"
+#include "recognition/new_client_notify.h"
 #include "registry/compare.h"
 #include "registry/history_list_mgmt.h"
 #include "registry_test_util.h"
@@ -61,7 +62,10 @@ TEST(Compare, TablesAreTerminatedAndInOrder)
     for (const status_callback_row *r = status_callback_table; r->rows; r++, rows++)
         EXPECT_EQ(r->status, rows + 1);
     EXPECT_EQ(rows, 4);
-    EXPECT_EQ(status_callback_table[0].rows[0].function, uci_update_cfg_file);
+    EXPECT_EQ(status_callback_table[0].rows[0].function, smart_home_client_add);
+    EXPECT_EQ(status_callback_table[0].rows[1].function, new_access_client_add);
+    EXPECT_EQ(status_callback_table[0].rows[2].function, fing_report_client_add);
+    EXPECT_EQ(status_callback_table[0].rows[3].function, uci_update_cfg_file);
     EXPECT_EQ(status_callback_table[1].rows[0].function, uci_update_access_time);
     EXPECT_EQ(status_callback_table[2].rows[0].function, uci_update_cfg_file);
     EXPECT_EQ(status_callback_table[3].rows[0].function, uci_update_leave_time);
@@ -72,7 +76,9 @@ TEST(Compare, TablesAreTerminatedAndInOrder)
             p++;
         }
     }
-    EXPECT_EQ(end_of_pass_table[0].function, nullptr);
+    EXPECT_EQ(end_of_pass_table[0].function, smart_home_flush);
+    EXPECT_EQ(end_of_pass_table[1].function, new_access_flush);
+    EXPECT_EQ(end_of_pass_table[2].function, nullptr);
 }
 
 TEST(Compare, ClientArrivesStaysLeavesAndComesBack)
