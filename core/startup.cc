@@ -32,10 +32,6 @@ int new_client_asscess_init() noexcept
     return 0;
 } // netlink and driver event sockets
 void close_event_sockets() noexcept {}
-void iwinfo_finish_hook() noexcept
-{
-    iwinfo_finish();
-}
 
 // Port count of the interface table; starts at 0 on every start.
 void reset_port_count() noexcept
@@ -49,7 +45,7 @@ void tear_down() noexcept
     thread_pool = nullptr;
     close_event_sockets();
     db_inotify_deinit();
-    iwinfo_finish_hook();
+    iwinfo_finish();
     lanroster_ubus_deinit();
     uloop_done();
     // A worker still inside a task may use globals that exit() would

@@ -124,10 +124,33 @@ struct pass_fdb {
 };
 pass_fdb fdb_of_pass;
 
-// Call sites of the parts that are not in yet. Each has no effect now and
-// keeps its place in the order of the pass.
-void add_hook_stations_locked() {}  // stations of an access point or repeater
-void run_ipv6_phases_locked() {}    // IPv6 neighbours and Neighbor Solicitation
+// Call site of the part that is not in yet: no effect now, and it keeps its
+// place in the order of the pass.
+void run_ipv6_phases_locked() {} // IPv6 neighbours and Neighbor Solicitation
+
+// Stations of an access point or repeater that keeps no lease file: each
+// station the hook file knows and the pass has no entry for gets one, with
+// the hook's address and name ("UNKNOWN" without obt_name_ok is no name).
+void add_hook_stations_locked()
+{
+    for (const auto &mac : station_macs()) {
+        if (find_entry_by_mac(mac.data()))
+            continue;
+        hook_client hook{};
+        if (!hook_lookup(&hook, mac.data()))
+            continue;
+        client_table_entry *e = new_entry();
+        if (!e)
+            return;
+        std::memcpy(e->mac, mac.data(), 6);
+        inet_pton(AF_INET, hook.ipaddr, &e->ip);
+        if (std::strcmp(hook.name, "UNKNOWN") != 0 || hook.obt_name_ok != 0) {
+            copy_str(e->hostname, hook.name);
+            fing_text_clean(e->hostname);
+        }
+        append_entry(e);
+    }
+}
 
 // Names of the recognition store: its text cleaning, the probe cache and the
 // mDNS name a probe once wrote.

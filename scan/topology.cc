@@ -442,6 +442,22 @@ int station_is_active(const uint8_t mac[6]) noexcept
     return s ? s->active : -1;
 }
 
+std::vector<std::array<uint8_t, 6>> station_macs() noexcept
+{
+    std::vector<std::array<uint8_t, 6>> macs;
+    mutex_guard hold(wlan_lock);
+    try {
+        for (const station_item *s = station_list; s; s = s->next) {
+            std::array<uint8_t, 6> mac;
+            std::memcpy(mac.data(), s->mac, 6);
+            macs.push_back(mac);
+        }
+    } catch (...) {
+        // Out of memory: the stations gathered so far.
+    }
+    return macs;
+}
+
 int station_radio(const uint8_t mac[6]) noexcept
 {
     mutex_guard hold(wlan_lock);

@@ -2,6 +2,9 @@
 // class of every bridge port, and the system mode.
 #pragma once
 
+#include <array>
+#include <vector>
+
 #include <cstddef>
 #include <cstdint>
 #include <pthread.h>
@@ -74,6 +77,8 @@ void refresh_stations() noexcept;
 // is no station.
 int station_is_active(const uint8_t mac[6]) noexcept;
 int station_radio(const uint8_t mac[6]) noexcept;
+// The MACs of the station list as last refreshed.
+std::vector<std::array<uint8_t, 6>> station_macs() noexcept;
 
 // Whether the system mode is set and is neither "router" nor "hotspot".
 bool sys_mode_is_node() noexcept;

@@ -1,6 +1,7 @@
 // The scan pass's forwarding-table, station and port phases over a real
 // bridge in a private network namespace: clients are network namespaces of
 // their own behind veth ports, answering ARP as any host does.
+#include <arpa/inet.h>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
@@ -168,5 +169,36 @@ TEST(PortPhase, FrontClientsOfANodeAreMarkedUpstream)
         ASSERT_EQ(create_client_table(), 3);
         for (const client_table_entry *e = client_table.head; e; e = e->next)
             EXPECT_EQ(e->wire_type, 10);
+    }));
+}
+
+// An access point keeps no lease file: a station the hook file knows and no
+// neighbour shows is taken from the hook, its name cleaned, an "UNKNOWN"
+// the hook could not resolve left to the naming phase. A router ignores it.
+TEST(PortPhase, HookStationsOfANodeAreAdded)
+{
+    EXPECT_TRUE(in_private_lan([] {
+        router();
+        mkdir("/var/run/iwinfo", 0755);
+        write_file("/var/run/iwinfo/wl0",
+                   "mac=02:00:00:00:0d:01 inactive=100\nmac=02:00:00:00:0d:02 inactive=100\n"
+                   "mac=02:00:00:00:0d:03 inactive=100\n");
+        write_file("/tmp/dhcp_hook.file",
+                   R"([{"mac":"02:00:00:00:0d:01","ipaddr":"192.168.1.40","name":"caf\u00e9-tv"},)"
+                   R"({"mac":"02:00:00:00:0d:02","ipaddr":"192.168.1.41","name":"UNKNOWN","obt_name_ok":0}])");
+        read_radio_list();
+        std::strcpy(sys_mode_text, "ap");
+        ASSERT_EQ(create_client_table(), 2);
+        const client_table_entry *tv = entry(0x01), *unnamed = entry(0x02);
+        ASSERT_NE(tv, nullptr);
+        ASSERT_NE(unnamed, nullptr);
+        EXPECT_EQ(entry(0x03), nullptr); // no hook record
+        char ip[16] = {};
+        inet_ntop(AF_INET, &tv->ip, ip, sizeof(ip));
+        EXPECT_STREQ(ip, "192.168.1.40");
+        EXPECT_STREQ(tv->hostname, "caf^^-tv");
+        EXPECT_STRNE(unnamed->hostname, "UNKNOWN");
+        std::strcpy(sys_mode_text, "router");
+        EXPECT_EQ(create_client_table(), 0);
     }));
 }
