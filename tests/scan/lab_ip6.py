@@ -14,6 +14,7 @@ import ipaddress
 import os
 import socket
 import sys
+import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SRC = os.path.dirname(os.path.dirname(HERE))
@@ -73,6 +74,55 @@ def router_sends(lab, addrs):
                 s.close()
 
 
+def capture_solicitations(client, targets, want, timeout):
+    """Multicast Neighbor Solicitations for `targets` that reach the client:
+    whole frames, as its eth0 receives them."""
+    packed = {ipaddress.IPv6Address(t).packed for t in targets}
+    got = []
+    with util.NetnsEntered(client.ns):
+        s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x86dd))
+    try:
+        s.bind(("eth0", 0x86dd))
+        s.settimeout(1.0)
+        deadline = time.monotonic() + timeout
+        seen = set()
+        while time.monotonic() < deadline and len(seen) < want:
+            try:
+                f = s.recv(2048)
+            except socket.timeout:
+                continue
+            if len(f) >= 86 and f[54] == 135 and f[0:2] == b"\x33\x33" and f[62:78] in packed:
+                got.append(f)
+                seen.add(f[62:78])
+    finally:
+        s.close()
+    return got
+
+
+def solicitation_fault(f, router_mac):
+    """None when the frame is the daemon's solicitation to the letter, else
+    what differs."""
+    target = f[62:78]
+    mac = bytes.fromhex(router_mac.replace(":", ""))
+    group = ipaddress.IPv6Address("ff02::1:ff00:0").packed[:13] + target[13:]
+    want = [
+        (0, b"\x33\x33" + group[12:], "destination MAC"), (6, mac, "source MAC"),
+        (12, b"\x86\xdd", "ethertype"), (18, b"\x00\x20", "payload length 32"),
+        (20, b"\x3a", "next header ICMPv6"), (21, b"\xff", "hop limit 255"),
+        (38, group, "solicited-node group"), (54, b"\x87\x00", "type 135, code 0"),
+        (58, b"\x00\x00\x00\x00", "reserved"), (78, b"\x01\x01", "option 1, length 1"),
+        (80, mac, "the bridge's MAC in the option"),
+    ]
+    if len(f) != 86:
+        return f"frame of {len(f)} bytes"
+    for at, value, what in want:
+        if f[at:at + len(value)] != value:
+            return f"{what}: {f[at:at + len(value)].hex()} at {at}, want {value.hex()}"
+    if f[56:58] == b"\x00\x00":
+        return "no checksum"
+    return None
+
+
 def test_ipv6_clients(c):
     with Lab() as lab:
         lab.add_port("lan1")
@@ -129,6 +179,13 @@ def test_ipv6_clients(c):
         c.check(dashed(sensor.mac) not in rows(sb, 0), "the IPv6-only sensor is absent with v6 0")
         c.check(dashed(dual.mac) in rows(sb, 0), "a dual-stack client is present with v6 0")
         c.check("global_state" not in rows(sb, 0).get(dashed(dual.mac), {}), "v6 0 adds no IPv6 keys")
+
+        # Solicitations on the wire, as a client sees them during a pass.
+        frames = capture_solicitations(multi, multi_globals, 3, 40)
+        c.check(len(frames) >= 3, f"{len(frames)} solicitations for the three addresses captured")
+        for f in frames[:3]:
+            why = solicitation_fault(f, lab.router_mac)
+            c.check(why is None, "a solicitation laid out byte for byte", why or "")
 
         # The phone's global address stops answering: a station's neighbour
         # entry still counts, as stale.
