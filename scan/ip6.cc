@@ -328,6 +328,7 @@ namespace
 {
 
 constexpr int NA_DRAIN_MAX = 256;
+constexpr int NA_RCVBUF = 1 << 20;
 
 // The sender walks the list once; a failed send is tried once more.
 void *ns_sender(void *) noexcept
@@ -363,6 +364,13 @@ int open_na_socket()
     sll.sll_ifindex = static_cast<int>(if_nametoindex(LAN_BRIDGE));
     if (sll.sll_ifindex > 0)
         bind(fd.get(), reinterpret_cast<sockaddr *>(&sll), sizeof(sll));
+    // A pass solicits hundreds of addresses at once, and their answers
+    // arrive together: room for all of them, and none taken by the
+    // solicitations the sender itself puts on the bridge.
+    int rcvbuf = NA_RCVBUF;
+    setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof(rcvbuf));
+    int ignore = 1;
+    setsockopt(fd.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &ignore, sizeof(ignore));
     int flags = fcntl(fd.get(), F_GETFL);
     if (flags >= 0)
         fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK);
