@@ -5,7 +5,8 @@ The LAN has a global /64 (2001:db8:1::/64, documentation space) on br-lan
 beside the lab's ULA prefix. Clients: a dual-stack DHCP client with a
 SLAAC-shaped (EUI-64) and a static global address, a client with three
 static globals, an IPv6-only sensor (link-local and ULA only), and a Wi-Fi
-station whose global address later stops answering. The router's kernel
+station whose global address later stops answering, and an IPv6-only
+station with an mDNS responder that is named over IPv6. The router's kernel
 learns every address (the clients talk first, or the router sends to
 them); the daemon's passes (every 14 s) solicit each one and read the
 Advertisements. What the bus shows is read only once it has settled.
@@ -128,11 +129,12 @@ def test_ipv6_clients(c):
         lab.add_port("lan1")
         lab.add_port("wl0")
         util.ip_batch([f"addr add {PREFIX}::1/64 dev br-lan nodad"], ns=lab.router_ns)
-        dual, multi, sensor, phone = lab.add_clients([
+        dual, multi, sensor, phone, cam = lab.add_clients([
             dict(name="dual", port="lan1", hostname="dual-pc", ipv6=True),
             dict(name="multi", port="lan1", dhcp=False, ipv6=True),
             dict(name="sensor", port="lan1", dhcp=False, ipv4=False),
-            dict(name="phone", port="wl0", dhcp=False, ipv6=True)])
+            dict(name="phone", port="wl0", dhcp=False, ipv6=True),
+            dict(name="cam", port="wl0", dhcp=False, ipv4=False, mdns="garden-cam")])
         dual_globals = [eui64(PREFIX, dual.mac), f"{PREFIX}::10"]
         multi_globals = [f"{PREFIX}::21", f"{PREFIX}::22", f"{PREFIX}::23"]
         phone_global = f"{PREFIX}::30"
@@ -179,6 +181,19 @@ def test_ipv6_clients(c):
         c.check(dashed(sensor.mac) not in rows(sb, 0), "the IPv6-only sensor is absent with v6 0")
         c.check(dashed(dual.mac) in rows(sb, 0), "a dual-stack client is present with v6 0")
         c.check("global_state" not in rows(sb, 0).get(dashed(dual.mac), {}), "v6 0 adds no IPv6 keys")
+
+        # An IPv6-only station: its link-local address is known from the
+        # neighbour table, so the name probe asks it over IPv6 mDNS.
+        def named():
+            x = rows(sb, 1).get(dashed(cam.mac), {})
+            return x.get("hostname") == "garden-cam" and x
+
+        x = wait_until(named, 60)
+        c.check(bool(x), "an IPv6-only station is named by reverse mDNS over IPv6",
+                repr(rows(sb, 1).get(dashed(cam.mac))))
+        c.equal((x or {}).get("ip6_local"), link_local(cam.mac), "the station's link-local address")
+        c.check(any(q and ":" in q[-1] for q in lab.responder_queries(cam)),
+                "the responder answered a query from an IPv6 peer", repr(lab.responder_queries(cam)))
 
         # Solicitations on the wire, as a client sees them during a pass.
         frames = capture_solicitations(multi, multi_globals, 3, 40)
