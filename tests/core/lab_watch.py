@@ -21,6 +21,8 @@ import labtest  # noqa: E402  (puts lab/ on sys.path)
 from labtest import wait_until  # noqa: E402
 from lanlab import Lab  # noqa: E402
 
+BUILD = os.environ.get("LANROSTER_BUILD_DIR", os.path.join(SRC, "build"))
+TRACE = os.path.join(BUILD, "tests", "scan", "lanroster_trace")
 KEYS = dict({k: 0 for k in ("v6", "access_limit", "qos", "tfstats", "wireless", "qos_schedule",
                             "high_bandwidth_occupancy", "lanroster_file")}, online_type=2, speed_limit=1)
 
@@ -186,5 +188,24 @@ def test_burst_of_writes(c):
                 f"{(t1 - t0) * 1000:.0f} ms of writing)")
 
 
+def test_start_sets_the_watch_but_no_diagnostic_timer(c):
+    """The start function with the level at 7 from the first line: the watch
+    is set, and the diagnostic timers are never armed."""
+    with Lab() as lab:
+        lab.add_port("lan1")
+        sb = lab.sandbox()
+        if not sb.start_ubusd():
+            c.check(False, "ubusd built")
+            return
+        proc = sb.start([TRACE])
+        text = sb.wait_console("[lr] begin to start uloop", 30)
+        c.check("[lr] db_inotify_init" in text, "the watch is set at start")
+        c.check("[lr] start to watch dir:/etc/config uci_wd=" in text, "on the UCI directory and the lease file")
+        c.check("[lr] db_timeout_init" not in text, "the start does not arm the diagnostic timers")
+        proc.terminate()
+        proc.wait(10)
+
+
 if __name__ == "__main__":
-    labtest.main([test_policy_changes_four_ways, test_lease_by_hand, test_burst_of_writes])
+    labtest.main([test_policy_changes_four_ways, test_lease_by_hand, test_burst_of_writes,
+                  test_start_sets_the_watch_but_no_diagnostic_timer])
