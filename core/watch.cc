@@ -122,15 +122,16 @@ void create_if_missing(const char *file) noexcept
     close(fd);
 }
 
-// Names of records may lack the terminator inside `len`; a copy bounded by
-// the record keeps the walk inside the buffer.
-void record_name(const inotify_event *ev, size_t avail, char *out, size_t size) noexcept
+// Names of records may lack the terminator inside `len`, and a forged
+// record's `len` may run past the read: the copy is bounded by both.
+void record_name(const uint8_t *name, size_t len, size_t avail, char *out, size_t size) noexcept
 {
-    size_t len = ev->len < avail ? ev->len : avail;
+    if (len > avail)
+        len = avail;
     if (len >= size)
         len = size - 1;
-    size_t n = strnlen(ev->name, len);
-    std::memcpy(out, ev->name, n);
+    size_t n = strnlen(reinterpret_cast<const char *>(name), len);
+    std::memcpy(out, name, n);
     out[n] = '\0';
 }
 
@@ -208,13 +209,13 @@ void inot_handle_events(std::span<const uint8_t> buf) noexcept
         inotify_event ev;
         std::memcpy(&ev, buf.data() + off, sizeof(ev));
         size_t avail = buf.size() - off - sizeof(inotify_event);
-        const auto *rec = reinterpret_cast<const inotify_event *>(buf.data() + off);
+        const uint8_t *name_at = buf.data() + off + sizeof(inotify_event);
         off += sizeof(inotify_event) + ev.len;
         if (!(ev.mask & (IN_MODIFY | IN_MOVED_TO)))
             continue;
         LR_LOG(7, "[lr] uloop handle inotify_event IN_MODIFY , wd = %d\n", ev.wd);
         char name[256];
-        record_name(rec, avail, name, sizeof(name));
+        record_name(name_at, ev.len, avail, name, sizeof(name));
         bool ok = true;
         if (ev.wd == uci_wd) {
             ok = handle_uci_event(name);

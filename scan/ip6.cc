@@ -329,6 +329,7 @@ namespace
 
 constexpr int NA_DRAIN_MAX = 256;
 constexpr int NA_RCVBUF = 1 << 20;
+constexpr int NA_POLL_MS = 50;
 
 // The sender walks the list once; a failed send is tried once more.
 void *ns_sender(void *) noexcept
@@ -362,8 +363,10 @@ int open_na_socket()
     sll.sll_family = AF_PACKET;
     sll.sll_protocol = htons(ETH_P_IPV6);
     sll.sll_ifindex = static_cast<int>(if_nametoindex(LAN_BRIDGE));
-    if (sll.sll_ifindex > 0)
-        bind(fd.get(), reinterpret_cast<sockaddr *>(&sll), sizeof(sll));
+    // Unbound, the socket still sees every answer, but twice (on the port
+    // and on the bridge), which can raise an alive count early.
+    if (sll.sll_ifindex > 0 && bind(fd.get(), reinterpret_cast<sockaddr *>(&sll), sizeof(sll)) != 0)
+        sll.sll_ifindex = 0;
     // A pass solicits hundreds of addresses at once, and their answers
     // arrive together: room for all of them, and none taken by the
     // solicitations the sender itself puts on the bridge.
@@ -382,7 +385,7 @@ void receive_advertisements(int fd)
     fd_set set;
     FD_ZERO(&set);
     FD_SET(fd, &set);
-    timeval tv{0, 50 * 1000};
+    timeval tv{0, static_cast<suseconds_t>(NA_POLL_MS) * 1000};
     if (select(fd + 1, &set, nullptr, nullptr, &tv) <= 0)
         return;
     uint8_t frame[NA_RECV_MAX];

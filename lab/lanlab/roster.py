@@ -43,12 +43,24 @@ def online_since(c):
     return time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(c["access_time"]))
 
 
+def address(c):
+    """The IPv4 address; for a client seen through IPv6 only, its first IPv6
+    address."""
+    ip = c.get("ip", "")
+    if ip and ip != "0.0.0.0":
+        return ip
+    for key in ("ip6_global1", "ip6_local"):
+        if c.get(key, "::") != "::":
+            return c[key]
+    return ip
+
+
 def roster_rows(sb):
     clients = (sb.ubus_call("lanroster", "get_hist_list_new", ALL_SECTIONS) or {}).get("client_list", [])
     rows = []
     for c in clients:
         rows.append((c.get("hostname") or "-", c.get("mac", ""), vendor_of(sb, c.get("mac", "")),
-                     c.get("ip", ""), port_or_band(c), online_since(c),
+                     address(c), port_or_band(c), online_since(c),
                      "online" if c.get("connect_status") else "offline"))
     return rows
 

@@ -539,6 +539,25 @@ TEST_F(ClientList, Ipv6OnlyClientNeedsV6)
     EXPECT_EQ(value_of(query(r)[1], "global_state"), "illegel enum!");
 }
 
+TEST_F(ClientList, Ipv6SummaryWordsFromMinusThreeToSix)
+{
+    client_node &n = add(1, STATUS_ONLINE_LAST_TIME);
+    auto r = plain(2);
+    r.v6 = 1;
+    const char *words[] = {"MORE_STALE",    "TWO_STALE",      "ONE_STALE", "NO_ITEM",   "ONE_REACHABLE",
+                           "TWO_REACHABLE", "MORE_REACHABLE", "ONE_ALIVE", "TWO_ALIVE", "MORE_ALIVE"};
+    for (int state = -3; state <= 6; state++) {
+        n.ip6_state = state;
+        EXPECT_EQ(value_of(query(r)[0], "global_state"), words[state + 3]) << state;
+    }
+    n.ip6_state = -4;
+    EXPECT_EQ(value_of(query(r)[0], "global_state"), "illegel enum!");
+    // A link-local address whose first four bytes are zero shows as "::".
+    const uint8_t odd[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 7};
+    std::memcpy(n.ip6_local, odd, 16);
+    EXPECT_EQ(value_of(query(r)[0], "ip6_local"), "::");
+}
+
 TEST_F(ClientList, TypeTextFromCategoryTableOrDeviceTable)
 {
     add(1, STATUS_ONLINE_LAST_TIME).type_source = 3;

@@ -6,7 +6,8 @@ beside the lab's ULA prefix. Clients: a dual-stack DHCP client with a
 SLAAC-shaped (EUI-64) and a static global address, a client with three
 static globals, an IPv6-only sensor (link-local and ULA only), and a Wi-Fi
 station whose global address later stops answering, and an IPv6-only
-station with an mDNS responder that is named over IPv6. The router's kernel
+station with an mDNS responder that is named over IPv6. A client floods the
+router with forged Advertisements over a whole pass, which change nothing. The router's kernel
 learns every address (the clients talk first, or the router sends to
 them); the daemon's passes (every 14 s) solicit each one and read the
 Advertisements. What the bus shows is read only once it has settled.
@@ -124,6 +125,34 @@ def solicitation_fault(f, router_mac):
     return None
 
 
+def forge_advertisements(client, router_mac, victim_mac, seconds):
+    """From the client's link: Neighbor Advertisements for addresses nobody
+    asked about, with made-up MACs and with a real client's MAC, for long
+    enough to cover a pass. Returns how many went out."""
+    router = bytes.fromhex(router_mac.replace(":", ""))
+    victim = bytes.fromhex(victim_mac.replace(":", ""))
+    dst = ipaddress.IPv6Address(f"{PREFIX}::1").packed
+    with util.NetnsEntered(client.ns):
+        s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+    sent = 0
+    try:
+        s.bind(("eth0", 0))
+        deadline = time.monotonic() + seconds
+        while time.monotonic() < deadline:
+            n = sent % 4096
+            mac = victim if sent % 2 else bytes([0x02, 0x66, 0, 0, n >> 8, n & 0xff])
+            src = ipaddress.IPv6Address(f"{PREFIX}::dead:{n:x}").packed
+            icmp = bytes([136, 0, 0, 0, 0x60, 0, 0, 0]) + src + bytes([2, 1]) + mac
+            ip6 = bytes([0x60, 0, 0, 0]) + len(icmp).to_bytes(2, "big") + bytes([58, 255]) + src + dst
+            s.send(router + mac + b"\x86\xdd" + ip6 + icmp)
+            sent += 1
+            if sent % 64 == 0:
+                time.sleep(0.001)
+    finally:
+        s.close()
+    return sent
+
+
 def test_ipv6_clients(c):
     with Lab() as lab:
         lab.add_port("lan1")
@@ -181,6 +210,14 @@ def test_ipv6_clients(c):
         c.check(dashed(sensor.mac) not in rows(sb, 0), "the IPv6-only sensor is absent with v6 0")
         c.check(dashed(dual.mac) in rows(sb, 0), "a dual-stack client is present with v6 0")
         c.check("global_state" not in rows(sb, 0).get(dashed(dual.mac), {}), "v6 0 adds no IPv6 keys")
+
+        # A flood of forged Advertisements over a whole pass changes nothing.
+        before = {m: (x.get("global_state"), globals_of(x)) for m, x in rows(sb, 1).items()}
+        sent = forge_advertisements(sensor, lab.router_mac, phone.mac, 16)
+        router_sends(lab, everyone)
+        after = wait_until(lambda: settled() and {m: (x.get("global_state"), globals_of(x))
+                                                  for m, x in rows(sb, 1).items()}, 30)
+        c.equal(after, before, f"{sent} forged Advertisements over a pass change nothing")
 
         # An IPv6-only station: its link-local address is known from the
         # neighbour table, so the name probe asks it over IPv6 mDNS.
