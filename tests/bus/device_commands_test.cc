@@ -99,6 +99,21 @@ TEST(DeviceCommands, NicknameOf65IsRefusedAnd64IsStoredWhole)
     }));
 }
 
+TEST(DeviceCommands, NicknameOf10000IsRefusedAndBytesOutsideUtf8AreStoredAsTheyCame)
+{
+    ASSERT_TRUE(run_in_sandbox([] {
+        two_clients();
+        ASSERT_TRUE(nickname(std::string(10000, 'n'), dash_mac(1)));
+        EXPECT_EQ(code_of(), "1");
+        EXPECT_FALSE(file_exists("/tmp/lua.calls"));
+        const std::string odd = "\xff\xfe caf\xc3(";
+        ASSERT_TRUE(nickname(odd, dash_mac(1)));
+        EXPECT_EQ(code_of(), "0");
+        EXPECT_EQ(read_history()[hex_mac(1)]["nickname"], odd);
+        EXPECT_EQ(history_macs().size(), 2u);
+    }));
+}
+
 TEST(DeviceCommands, PresentNicknameRepliesZeroAndLeavesTheStore)
 {
     ASSERT_TRUE(run_in_sandbox([] {
