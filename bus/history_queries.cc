@@ -22,6 +22,7 @@
 #include "registry/client_node.h"
 #include "registry/rwlock_guard.h"
 #include "scan/client_table.h"
+#include "scan/ip6.h"
 #include "scan/lan_info.h"
 #include "scan/neigh.h"
 
@@ -78,16 +79,18 @@ void format_client_entry(const client_table_entry *entry, client_entry_text *tex
     copy_str(text->wire_type, wire_type_name(entry->wire_type), sizeof(text->wire_type) - 1);
     copy_str(text->guest, guest_word(entry->wire_type, entry->guest), sizeof(text->guest) - 1);
     if (is_v6(family)) {
-        // A scan entry's IPv6 side is not read here; a client without IPv6
-        // (a null ip6) shows an empty one. The replies that send these
-        // fields fill them from the record (format_node_ip6).
-        text->global_state = ip6_state_text(0);
+        // A client without IPv6 has a null ip6: an empty IPv6 side.
+        const ip6_info *ip6 = entry->ip6;
+        text->global_state = ip6_state_text(ip6 ? ip6->state : IP6_NO_ITEM);
         text->global_ip_num = 0;
+        for (const ip6_addr_node *a = ip6 ? ip6->addresses : nullptr; a; a = a->next)
+            ++text->global_ip_num;
         ip6_text_40(entry->ip6_local, text->ip6_local);
     }
 }
 
-int node_to_entry(client_table_entry *entry, const client_node *node, const char *family) noexcept
+int node_to_entry(client_table_entry *entry, const client_node *node, const char *family,
+                  ip6_info *ip6) noexcept
 {
     if (!entry || !node || !family)
         return -1;
@@ -98,19 +101,17 @@ int node_to_entry(client_table_entry *entry, const client_node *node, const char
     copy_str(entry->hostname, node->hostname, HOSTNAME_KEEP);
     copy_str(entry->ifname, node->ifname, IFNAME_KEEP);
     entry->device_type = node->device_type;
-    if (is_v6(family))
+    if (is_v6(family) && ip6) {
         std::memcpy(entry->ip6_local, node->ip6_local, 16);
+        // The record's own list, borrowed: the caller's read hold keeps it
+        // still, so nothing is copied or allocated.
+        *ip6 = ip6_info{};
+        ip6->state = node->ip6_state;
+        ip6->addresses = node->ip6_globals;
+        std::memcpy(ip6->mac, node->mac, 6);
+        entry->ip6 = ip6;
+    }
     return 0;
-}
-
-void format_node_ip6(const client_node *node, client_entry_text *text) noexcept
-{
-    text->global_state = ip6_state_text(node->ip6_state);
-    int32_t num = 0;
-    for (const ip6_addr_node *a = node->ip6_globals; a; a = a->next)
-        ++num;
-    text->global_ip_num = num;
-    ip6_text_40(node->ip6_local, text->ip6_local);
 }
 
 client_node *find_online_node(const uint8_t mac[6]) noexcept
@@ -157,12 +158,12 @@ bool is_gateway(const client_node &n) noexcept
     return system_info.sys_mode != SYS_MODE_ROUTER && node_mac_equal(n.mac, lan_info.gateway_mac);
 }
 
-void add_v6_pairs(const client_node &n) noexcept
+void add_v6_pairs(const ip6_info &ip6) noexcept
 {
     int num = 0;
     char key[32];
     char addr[40];
-    for (const ip6_addr_node *a = n.ip6_globals; a; a = a->next) {
+    for (const ip6_addr_node *a = ip6.addresses; a; a = a->next) {
         ++num;
         ip6_text_40(a->addr, addr);
         std::snprintf(key, sizeof(key), "ip6_global%d", num);
@@ -176,18 +177,17 @@ void add_hist_table(const hist_row &row, const client_node &n) noexcept
 {
     client_table_entry entry{};
     client_entry_text text{};
+    ip6_info ip6{};
     const char *family = row.v6 ? FAMILY_V6 : FAMILY_V4;
-    node_to_entry(&entry, &n, family);
+    node_to_entry(&entry, &n, family, &ip6);
     format_client_entry(&entry, &text, family);
-    if (row.v6)
-        format_node_ip6(&n, &text);
     void *cookie = reply_open_table();
     reply_add_string("hostname", text.hostname);
     reply_add_string("ip", text.ip);
     if (row.v6) {
         reply_add_string("global_state", text.global_state);
         reply_add_u32("global_ip_num", text.global_ip_num);
-        add_v6_pairs(n);
+        add_v6_pairs(ip6);
         reply_add_string("ip6_local", text.ip6_local);
     }
     reply_add_string("mac", text.mac);
@@ -401,7 +401,7 @@ void write_mesh_dev_file(const char *al_mac, const client_node &n) noexcept
 {
     client_table_entry entry{};
     client_entry_text text{};
-    node_to_entry(&entry, &n, FAMILY_V4);
+    node_to_entry(&entry, &n, FAMILY_V4, nullptr);
     format_client_entry(&entry, &text, FAMILY_V4);
     char body[512];
     std::snprintf(body, sizeof(body), "{\"hostname\" : \"%s\", \"ip\" : \"%s\", \"ipmac\" : \"%s\"}",

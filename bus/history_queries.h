@@ -14,13 +14,14 @@
 
 struct client_node;
 struct client_table_entry;
+struct ip6_info;
 
 // The text form of a client. Cleared by the caller before each use.
 struct client_entry_text {
     char hostname[65]; // the first 64 bytes of the record's name
     char ip[40];
-    // IPv6 family only. The pairs of global addresses are read straight
-    // from the record's list, which the read lock keeps still.
+    // IPv6 family only. The pairs of global addresses are read from the
+    // entry's ip6 list as they are sent, so no copy of them is made.
     const char *global_state;
     int32_t global_ip_num;
     char ip6_local[40];
@@ -41,16 +42,15 @@ inline constexpr int DEV_INFO_INTERFACES_MAX = 20;
 inline constexpr int ARP_DUMP_BUF = 16384;
 
 // Texts of an entry for `family` ("v4" or "v6"). A scan entry without IPv6
-// has an empty IPv6 side.
+// (a null ip6) has an empty IPv6 side.
 void format_client_entry(const client_table_entry *entry, client_entry_text *text,
                          const char *family) noexcept;
-// Copies what the text form needs from a record into a cleared entry; -1
-// when an argument is null, else 0. The IPv6 fields of a record are read
-// by format_node_ip6.
-int node_to_entry(client_table_entry *entry, const client_node *node, const char *family) noexcept;
-// The IPv6 side of the text from a record: summary state, count of global
-// addresses and the link-local address.
-void format_node_ip6(const client_node *node, client_entry_text *text) noexcept;
+// Copies what the text form needs from a record into a cleared entry; with
+// "v6" and `ip6` given also the link-local address, and `ip6` is filled with
+// the record's summary and its own address list (borrowed under the
+// caller's read hold) and hung on the entry. -1 when an argument is null.
+int node_to_entry(client_table_entry *entry, const client_node *node, const char *family,
+                  ip6_info *ip6) noexcept;
 // The first record in status 5 with this MAC; the caller holds
 // history_list_lock.
 client_node *find_online_node(const uint8_t mac[6]) noexcept;

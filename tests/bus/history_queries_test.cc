@@ -16,6 +16,7 @@
 #include "registry_test_util.h"
 #include "reply_shape.h"
 #include "scan/client_table.h"
+#include "scan/ip6.h"
 #include "scan/lan_info.h"
 
 using bus_test::fields_of;
@@ -357,6 +358,40 @@ TEST_F(HistoryQueries, Ipv6PairsAreNumberedFromOne)
                  "ip6_local:string", "mac:string", "wire_type:string", "guest:string", "device_type:string",
                  "nickname:string", "access_time:int32", "access_uptime:int32", "connect_status:int32"}));
     n.ip6_globals = nullptr;
+}
+
+TEST_F(HistoryQueries, FormatterGivesAScanEntryWithoutIpv6AnEmptyIpv6Side)
+{
+    client_table_entry &e = scan_entry(5, 2);
+    client_entry_text text{};
+    format_client_entry(&e, &text, FAMILY_V6);
+    EXPECT_STREQ(text.global_state, "NO_ITEM");
+    EXPECT_EQ(text.global_ip_num, 0);
+    EXPECT_STREQ(text.ip6_local, "::");
+    ip6_addr_node addr{1, {0x20, 0x01, 0x0d, 0xb8}, nullptr};
+    ip6_info info{};
+    info.state = IP6_ONE_ALIVE;
+    info.addresses = &addr;
+    e.ip6 = &info;
+    client_entry_text with{};
+    format_client_entry(&e, &with, FAMILY_V6);
+    EXPECT_STREQ(with.global_state, "ONE_ALIVE");
+    EXPECT_EQ(with.global_ip_num, 1);
+    client_entry_text v4{};
+    format_client_entry(&e, &v4, FAMILY_V4);
+    EXPECT_EQ(v4.global_state, nullptr) << "the IPv4 family leaves the IPv6 side alone";
+    e.ip6 = nullptr;
+}
+
+TEST_F(HistoryQueries, NodeToEntryRefusesNullArguments)
+{
+    client_node &n = add(1, STATUS_ONLINE_LAST_TIME);
+    client_table_entry e{};
+    EXPECT_EQ(node_to_entry(nullptr, &n, FAMILY_V4, nullptr), -1);
+    EXPECT_EQ(node_to_entry(&e, nullptr, FAMILY_V4, nullptr), -1);
+    EXPECT_EQ(node_to_entry(&e, &n, nullptr, nullptr), -1);
+    EXPECT_EQ(node_to_entry(&e, &n, FAMILY_V6, nullptr), 0);
+    EXPECT_EQ(e.ip6, nullptr);
 }
 
 // --- reply shapes -------------------------------------------------------
