@@ -271,5 +271,55 @@ def test_commands(c):
         c.equal([t for _, t in got], ["unknown"], "the stored type yields to the first pass after a restart")
 
 
+def test_ipv6_rows(c):
+    """The IPv6 rows through the daemon: a dual-stack client with two global
+    addresses and an IPv6-only sensor, which type 0 leaves out."""
+    sys.path.insert(0, os.path.join(ROOT, "tests", "scan"))
+    import lab_ip6 as ip6  # noqa: E402  (its address helpers)
+    with Lab() as lab:
+        lab.add_port("lan1")
+        from lanlab import util
+        util.ip_batch([f"addr add {ip6.PREFIX}::1/64 dev br-lan nodad"], ns=lab.router_ns)
+        dual, sensor = lab.add_clients([
+            dict(name="dual", port="lan1", hostname="dual-pc", ipv6=True),
+            dict(name="sensor", port="lan1", dhcp=False, ipv4=False)])
+        globals_ = [f"{ip6.PREFIX}::10", f"{ip6.PREFIX}::11"]
+        ip6.add_globals(lab, dual, globals_)
+        sb = lab.sandbox()
+        sb.write_packages({"profile": ""})
+        c.check(sb.start_ubusd(), "ubusd starts")
+        sb.start_daemon()
+        sb.wait_bus_object("lanroster", 30)
+
+        def v6_rows():
+            ip6.router_sends(lab, globals_)
+            rows = tables(call(sb, "get_hist_list", {"request_type": 3})[1]) or []
+            by = {r["mac"]: r for r in rows}
+            d = by.get(dashed(dual.mac), {})
+            return d.get("global_ip_num") == 2 and dashed(sensor.mac) in by and by
+
+        by = wait_until(v6_rows, 60) or {}
+        d = by.get(dashed(dual.mac), {})
+        c.equal(d.get("global_ip_num"), 2, "type 3: two global addresses")
+        c.equal(sorted([d.get("ip6_global1"), d.get("ip6_global2")]), sorted(globals_), "type 3: the pairs")
+        if d:
+            c.equal(list(d.keys()), v6_keys(d, ["nickname", "access_time", "access_uptime", "connect_status"]),
+                    "type 3: global_ip_num before the pairs, keys in order")
+        new = ip6.rows(sb, 1).get(dashed(dual.mac), {})
+        c.equal(ip6.globals_of(d), ip6.globals_of(new), "the same addresses as get_hist_list_new")
+        c.equal(d.get("ip6_local"), new.get("ip6_local"), "the same link-local address")
+        s = by.get(dashed(sensor.mac), {})
+        c.equal((s.get("ip"), s.get("connect_status")), ("0.0.0.0", 1), "type 3 shows the IPv6-only sensor")
+        v4 = {r["mac"] for r in tables(call(sb, "get_hist_list", {"request_type": 0})[1]) or []}
+        c.check(dashed(sensor.mac) not in v4 and dashed(dual.mac) in v4,
+                "type 0 leaves the online IPv6-only sensor out", repr(v4))
+        c.check(dashed(sensor.mac) not in {r["mac"] for r in tables(call(sb, "get_hist_list",
+                                                                          {"request_type": 1})[1]) or []},
+                "so does type 1")
+        c.check(dashed(sensor.mac) in {r["mac"] for r in tables(call(sb, "get_hist_list",
+                                                                      {"request_type": 4})[1]) or []},
+                "type 4 shows it")
+
+
 if __name__ == "__main__":
-    labtest.main([test_commands])
+    labtest.main([test_commands, test_ipv6_rows])
