@@ -1,5 +1,5 @@
-// The small methods: `update`, `lan_update` and `req` of `mac_oui`, the
-// policies of every method, and the handlers whose work isn't in yet.
+// The small methods: `update`, `lan_update` and `req` of `mac_oui`, and the
+// policies of every method.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
@@ -324,23 +324,3 @@ LR_UBUS_HANDLER(mac_oui_ubus_query)
     send_reply_buf(ctx, req);
     return 0;
 }
-
-// Handlers of the device commands and the history queries. Until their work
-// lands each one does nothing: no reply, status 0.
-#define LR_PENDING_HANDLER(name)                                                                             \
-    LR_UBUS_HANDLER(name)                                                                                    \
-    {                                                                                                        \
-        (void)ctx, (void)obj, (void)req, (void)method, (void)msg;                                            \
-        return 0;                                                                                            \
-    }
-
-LR_PENDING_HANDLER(get_ARP)
-LR_PENDING_HANDLER(get)
-LR_PENDING_HANDLER(history_list_get)
-LR_PENDING_HANDLER(history_list_num_get)
-LR_PENDING_HANDLER(history_dev_info_list_get)
-LR_PENDING_HANDLER(device_type_set)
-LR_PENDING_HANDLER(device_nickname_set)
-LR_PENDING_HANDLER(offline_device_delete)
-LR_PENDING_HANDLER(remove_device_by_mac)
-LR_PENDING_HANDLER(update_fing_auth_status)

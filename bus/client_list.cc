@@ -331,6 +331,8 @@ void add_traffic_keys(const walk_state &w, const client_node &n, bool radio_row)
     reply_add_u32("downloadSpeed", row ? row->rerx_byte : 0);
 }
 
+} // namespace
+
 void ip6_text(const uint8_t addr[16], char (&out)[INET6_ADDRSTRLEN]) noexcept
 {
     static const uint8_t zero[4] = {};
@@ -347,6 +349,9 @@ const char *ip6_state_text(int32_t state) noexcept
         return "illegel enum!";
     return rows[state + 3];
 }
+
+namespace
+{
 
 // Keys 27 to 30.
 void add_v6_keys(const client_node &n) noexcept

@@ -43,6 +43,11 @@ struct hist_source_ops {
 extern hist_source_ops hist_sources;
 extern const hist_source_ops hist_sources_default;
 
+// Text of an IPv6 address, "::" when its first 4 bytes are zero.
+void ip6_text(const uint8_t addr[16], char (&out)[46]) noexcept;
+// Text of a client's IPv6 summary state.
+const char *ip6_state_text(int32_t state) noexcept;
+
 // Gathers the sources with no lock held, walks the live list under the read
 // side of history_list_lock and composes the whole reply in reply_buf.
 void compose_hist_list_new(const hist_list_request &request) noexcept;

@@ -1,6 +1,8 @@
 // get_hist_list_new through the bus: 388 known clients, every section asked,
 // the sources that run other services through the shell absent. Prints the
-// round trip of ubus_invoke (p50, p99) and the size of the reply.
+// round trip of ubus_invoke (p50, p99) and the size of the reply; beside it
+// the older get_hist_list (IPv4 and IPv6 rows of all clients) and
+// get_hist_list_num over the same 388 clients.
 #include <benchmark/benchmark.h>
 
 #include <arpa/inet.h>
@@ -244,6 +246,53 @@ void BM_GetHistListNewThroughTheBus(benchmark::State &state)
     set_history_list(nullptr);
 }
 BENCHMARK(BM_GetHistListNewThroughTheBus)->Unit(benchmark::kMicrosecond)->Iterations(2000);
+
+// The older readers over the same list: `method` with one request_type.
+void older_read(benchmark::State &state, const char *method, int32_t type)
+{
+    log_level = 0;
+    private_ubusd ubusd;
+    if (!ubusd.start()) {
+        state.SkipWithError("ubusd did not start (the sandbox needs root)");
+        return;
+    }
+    fill_records();
+    every_feature_on();
+    daemon_loop daemon;
+    daemon.start();
+    if (daemon.state != 1) {
+        state.SkipWithError("bus face did not start");
+        return;
+    }
+    ubus_context *caller = ubus_connect(ubusd.path.c_str());
+    uint32_t id = 0;
+    ubus_lookup_id(caller, "lanroster", &id);
+    blob_buf req = {};
+    blob_buf_init(&req, 0);
+    blobmsg_add_u32(&req, "request_type", static_cast<uint32_t>(type));
+    time_calls(state, caller, id, method, req.head);
+    blob_buf_free(&req);
+    ubus_free(caller);
+    set_history_list(nullptr);
+}
+
+void BM_GetHistListV4ThroughTheBus(benchmark::State &state)
+{
+    older_read(state, "get_hist_list", 0);
+}
+BENCHMARK(BM_GetHistListV4ThroughTheBus)->Unit(benchmark::kMicrosecond)->Iterations(2000);
+
+void BM_GetHistListV6ThroughTheBus(benchmark::State &state)
+{
+    older_read(state, "get_hist_list", 3);
+}
+BENCHMARK(BM_GetHistListV6ThroughTheBus)->Unit(benchmark::kMicrosecond)->Iterations(2000);
+
+void BM_GetHistListNumThroughTheBus(benchmark::State &state)
+{
+    older_read(state, "get_hist_list_num", 0);
+}
+BENCHMARK(BM_GetHistListNumThroughTheBus)->Unit(benchmark::kMicrosecond)->Iterations(2000);
 
 // The handler's own share: gathering, the walk and the composition of the
 // reply in reply_buf, without the bus.

@@ -1,6 +1,6 @@
-// Fuzz target: the request messages of the bus methods that parse outside
-// input (`update`, `req`, `get_hist_list_new`), the event listener and the
-// print_client task, and the MAC text readers.
+// Fuzz target: the request messages of all 13 methods of `lanroster` and of
+// `req`, the event listener and the print_client task, and the MAC text
+// readers.
 //
 // Input: one selector byte, then the payload of the message attribute (the
 // blobmsg fields as they arrive from the bus). The methods are called the
@@ -106,18 +106,17 @@ void invoke(uint32_t object, const char *method, blob_attr *msg)
     ubus_invoke(caller, object, method, msg, check_reply, nullptr, 5000);
 }
 
-// A short live list so that get_hist_list_new has tables to write.
+// A short live list so that the readers have tables to write and the
+// commands records to change. It is laid out afresh for every input: the
+// commands rename, retype and remove records (with no pool, a released
+// record is only cleared).
 client_node records[3];
 
-void setup_once()
+void reset_records()
 {
-    static bool done = false;
-    if (done)
-        return;
-    done = true;
-    log_level = 0;
-    connect_bus();
+    set_history_list(nullptr);
     for (int i = 0; i < 3; ++i) {
+        records[i] = client_node{};
         client_node &n = records[i];
         n.mac[0] = 0x02;
         n.mac[5] = static_cast<uint8_t>(i + 1);
@@ -129,6 +128,16 @@ void setup_once()
         n.next = i < 2 ? &records[i + 1] : nullptr;
     }
     set_history_list(&records[0]);
+}
+
+void setup_once()
+{
+    static bool done = false;
+    if (done)
+        return;
+    done = true;
+    log_level = 0;
+    connect_bus();
 }
 
 // The message attribute as the bus library hands it over: a blob header
@@ -181,7 +190,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     setup_once();
     if (size < 1)
         return 0;
-    uint8_t selector = data[0] % 6;
+    reset_records();
+    uint8_t selector = data[0] % 16;
     std::vector<uint8_t> buf = message_of(data + 1, size - 1);
     auto *msg = reinterpret_cast<blob_attr *>(buf.data());
     switch (selector) {
@@ -203,9 +213,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     case 4:
         dispatch_event(msg);
         break;
-    default:
+    case 5:
         mac_texts(data + 1, size - 1);
         break;
+    default: {
+        // The device commands and the older read methods.
+        static const char *const methods[] = {"get_ARP",
+                                              "get",
+                                              "get_hist_list",
+                                              "get_hist_list_num",
+                                              "get_dev_info",
+                                              "set_dev_type",
+                                              "set_dev_nickname",
+                                              "delete_offline_device",
+                                              "remove_client_by_mac",
+                                              "update_fing_auth_state"};
+        invoke(lanroster_id, methods[selector - 6], msg);
+        break;
+    }
     }
     uloop_timeout_cancel(&update_timer);
     return 0;

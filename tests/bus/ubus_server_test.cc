@@ -337,19 +337,27 @@ TEST(LanUpdate, RereadsTheNetworkPackageAndRepliesNothing)
     std::remove("/etc/config/network");
 }
 
-// --- methods whose work isn't in yet ----------------------------------------
+// --- the device commands and older read methods on the bus ----------------
 
-TEST(PendingMethods, NoReplyAndStatusZero)
+TEST(OlderMethods, ReadersReplyAndCommandsWithoutTheirKeysDoNot)
 {
     BusFixture bus;
     ASSERT_TRUE(bus.ok());
-    for (const char *m :
-         {"get_ARP", "get", "get_hist_list", "get_hist_list_num", "get_dev_info", "set_dev_type",
-          "set_dev_nickname", "delete_offline_device", "remove_client_by_mac", "update_fing_auth_state"}) {
+    for (const char *m : {"get", "get_hist_list", "get_hist_list_num"}) {
+        auto r = bus.call("lanroster", m, "{\"request_type\": 0}");
+        EXPECT_EQ(r.status, 0) << m;
+        EXPECT_EQ(r.replies.size(), 1u) << m;
+    }
+    EXPECT_EQ(bus.call("lanroster", "get_hist_list_num", "{\"request_type\": 0}").replies,
+              (std::vector<std::string>{"{\"online_and_offline_client_cnt\":0}"}));
+    for (const char *m : {"get_dev_info", "set_dev_type", "set_dev_nickname", "delete_offline_device",
+                          "remove_client_by_mac", "update_fing_auth_state"}) {
         auto r = bus.call("lanroster", m, "{\"request_type\": 0}");
         EXPECT_EQ(r.status, 0) << m;
         EXPECT_TRUE(r.replies.empty()) << m;
     }
+    auto r = bus.call("lanroster", "update_fing_auth_state", "{\"auth_state\": 7}");
+    EXPECT_EQ(r.replies, (std::vector<std::string>{"{\"result\":\"fail\"}"}));
 }
 
 // --- events ---------------------------------------------------------------

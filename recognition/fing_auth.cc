@@ -1,0 +1,3 @@
+#include "recognition/fing_auth.h"
+
+std::atomic<int32_t> fing_auth_cache{-1};
