@@ -15,6 +15,7 @@
 #include "core/uci_util.h"
 #include "core/watch.h"
 #include "db/system_info.h"
+#include "events/nl_intake.h"
 #include "recognition/name_probe.h"
 #include "registry/client_node.h"
 #include "registry/compare.h"
@@ -25,14 +26,6 @@
 
 namespace
 {
-
-// Call sites of the parts that are not in yet; each succeeds and does
-// nothing, in its place in the order.
-int new_client_asscess_init() noexcept
-{
-    return 0;
-} // netlink and driver event sockets
-void close_event_sockets() noexcept {}
 
 // Port count of the interface table; starts at 0 on every start.
 void reset_port_count() noexcept

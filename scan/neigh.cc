@@ -190,7 +190,9 @@ int dump_neighbours(uint8_t **buffer, int *capacity) noexcept
     unique_fd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
     sockaddr_nl local{};
     local.nl_family = AF_NETLINK;
-    local.nl_pid = static_cast<uint32_t>(getpid());
+    // Port id 0: the kernel picks a free one. The process id belongs to the
+    // event socket, which is bound first.
+    local.nl_pid = 0;
     if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&local), sizeof(local)) < 0) {
         lr_write_line(STDERR_FILENO, "ARP_sniffer: netlink socket open error.\n");
         return -1;
