@@ -50,7 +50,7 @@ class listed_macs
         size_t count = 0;
         for_each_mesh_element(list, [&count](blob_attr **) { count++; });
         if (count > 0)
-            macs_.reset(static_cast<mac_bytes *>(std::malloc(count * sizeof(mac_bytes))));
+            macs_.reset(static_cast<mac_bytes *>(std::calloc(1, count * sizeof(mac_bytes))));
         capacity_ = macs_ ? count : 0;
     }
 
