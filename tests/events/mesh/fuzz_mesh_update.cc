@@ -38,9 +38,17 @@ namespace
 {
 
 constexpr char SELF[] = "02-00-00-5E-00-01";
-constexpr int SCAN_CLIENTS = 40;
-constexpr int PEER_CLIENTS = 40;
-constexpr int OFFLINE_CLIENTS = 40;
+// 380 of the 388 records are taken, so that a few new clients already
+// reach the eviction.
+constexpr int SCAN_CLIENTS = 150;
+constexpr int PEER_CLIENTS = 100;
+constexpr int OFFLINE_CLIENTS = 130;
+constexpr int SCAN_ID = 100;
+constexpr int PEER_ID = 300;
+constexpr int OFFLINE_ID = 400;
+// Distinct clients of the long list: each new one writes its section, and
+// that file's rewrites, not the parsing, would otherwise bound the speed.
+constexpr int FLOOD_DISTINCT = 40;
 
 memory_queue queue_record;
 client_node nodes[MEMORY_QUEUE_SIZE];
@@ -110,11 +118,11 @@ void fresh_registry()
     static const uint8_t peer_a[6] = {0x02, 0x00, 0x00, 0xAA, 0x00, 0x01};
     static const uint8_t peer_b[6] = {0x02, 0x00, 0x00, 0xBB, 0x00, 0x01};
     for (int i = 0; i < OFFLINE_CLIENTS; i++)
-        link_record(300 + i, STATUS_DISCONNECT, nullptr);
+        link_record(OFFLINE_ID + i, STATUS_DISCONNECT, nullptr);
     for (int i = 0; i < PEER_CLIENTS; i++)
-        link_record(200 + i, STATUS_MESH_ONLINE, i % 2 ? peer_a : peer_b);
+        link_record(PEER_ID + i, STATUS_MESH_ONLINE, i % 2 ? peer_a : peer_b);
     for (int i = 0; i < SCAN_CLIENTS; i++)
-        link_record(100 + i, i % 5 == 0 ? STATUS_EVENT_ONLINE : STATUS_ONLINE_LAST_TIME, nullptr);
+        link_record(SCAN_ID + i, i % 5 == 0 ? STATUS_EVENT_ONLINE : STATUS_ONLINE_LAST_TIME, nullptr);
 }
 
 void check_registry()
@@ -135,7 +143,7 @@ void check_registry()
         std::abort();
     for (int i = 0; i < SCAN_CLIENTS; i++) {
         uint8_t mac[6];
-        client_mac(mac, 100 + i);
+        client_mac(mac, SCAN_ID + i);
         client_node *n = find_node_by_mac(mac);
         if (!n || n->status == STATUS_DISCONNECT || n->status == STATUS_EVENT_OFFLINE)
             std::abort(); // a client of this node's own scan was dropped
@@ -179,7 +187,9 @@ std::string mac_text(reader &r)
 {
     char text[32];
     uint8_t kind = r.byte() % 8;
-    int id = 100 + r.byte() % 250; // scan, peer, offline and new clients
+    // Scan, peer, offline and new clients.
+    int high = r.byte();
+    int id = SCAN_ID + (high << 8 | r.byte()) % 520;
     switch (kind) {
     case 0:
         std::snprintf(text, sizeof(text), "02:00:00:00:%02X:%02X", id >> 8, id & 0xff);
@@ -256,9 +266,11 @@ void build_message(blob_buf &b, reader &r)
     void *list = blobmsg_open_array(&b, "mesh_client_list");
     for (size_t i = 0; i < count; i++) {
         if (list_kind == 2) {
-            // The long list: clients of their own, a few of the scan's.
+            // The long list: clients of their own, over and over, and a few
+            // of the scan's.
             char mac[18];
-            int id = i % 997 == 0 ? 100 + static_cast<int>(i % SCAN_CLIENTS) : 1000 + static_cast<int>(i);
+            int id = i % 997 == 0 ? SCAN_ID + static_cast<int>(i % SCAN_CLIENTS)
+                                  : 1000 + static_cast<int>(i % FLOOD_DISTINCT);
             std::snprintf(mac, sizeof(mac), "02:00:00:%02X:%02X:%02X", id >> 16, (id >> 8) & 0xff, id & 0xff);
             void *t = blobmsg_open_table(&b, nullptr);
             blobmsg_add_string(&b, "mac", mac);
