@@ -188,11 +188,14 @@ void print_mesh_update_msg(const blob_attr *blob) noexcept
     LR_LOG(6, "======mesh_update_msg======");
     LR_LOG(6, "dev_mac : %s, dev_id : %s, client's num : %d", mesh_attr_text(tb[MESH_DEVICE_MAC]),
            mesh_attr_text(tb[MESH_DEVICE_ID]), mesh_attr_int(tb[MESH_CLIENT_NUM]));
-    int index = 0;
-    for_each_mesh_element(tb[MESH_CLIENT_LIST], [&index](blob_attr **e) {
-        if (!e) {
+    // A plain loop: a log line names the function it stands in.
+    mesh_cursor cursor(tb[MESH_CLIENT_LIST]);
+    blob_attr *e[MESH_CLIENT_ATTR_MAX];
+    bool valid = false;
+    for (int index = 0; cursor.next(e, valid);) {
+        if (!valid) {
             LR_LOG(7, "error client_entry, continue");
-            return;
+            continue;
         }
         LR_LOG(6,
                "client(%d) mac=%s, ip=%s, name=%s, guest=%s, signal_strength=%d, connection_type=%d, "
@@ -202,6 +205,6 @@ void print_mesh_update_msg(const blob_attr *blob) noexcept
                mesh_attr_int(e[MESH_CLIENT_SIGNAL]), mesh_attr_int(e[MESH_CLIENT_CONNECTION_TYPE]),
                mesh_attr_int(e[MESH_CLIENT_CLIENT_TYPE]), mesh_attr_int(e[MESH_CLIENT_RXRATE]),
                mesh_attr_int(e[MESH_CLIENT_TXRATE]));
-    });
+    }
     LR_LOG(6, "===========================");
 }

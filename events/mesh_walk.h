@@ -40,24 +40,46 @@ inline bool parse_mesh_entry(blob_attr *elem, size_t room, blob_attr **tb) noexc
     return true;
 }
 
+// A walk over the elements of `list`. It stops at an element whose padded
+// length is below a header or beyond what is left.
+class mesh_cursor
+{
+  public:
+    explicit mesh_cursor(blob_attr *list) noexcept
+        : elem_(list ? static_cast<blob_attr *>(blobmsg_data(list)) : nullptr),
+          remaining_(list ? blobmsg_data_len(list) : 0)
+    {
+    }
+
+    // Parses the next element into `tb`: false at the end; `valid` tells
+    // whether it is a table with all nine keys.
+    bool next(blob_attr **tb, bool &valid) noexcept
+    {
+        if (remaining_ < sizeof(blob_attr))
+            return false;
+        size_t pad = blob_pad_len(elem_);
+        if (pad <= 3 || pad > remaining_)
+            return false;
+        valid = parse_mesh_entry(elem_, remaining_, tb);
+        remaining_ -= pad;
+        elem_ = reinterpret_cast<blob_attr *>(reinterpret_cast<char *>(elem_) + pad);
+        return true;
+    }
+
+  private:
+    blob_attr *elem_;
+    size_t remaining_;
+};
+
 // Calls fn(tb) for each element of `list` with all nine keys and
-// fn(nullptr) for each other one, in order. The walk stops at an element
-// whose padded length is below a header or beyond what is left.
+// fn(nullptr) for each other one, in order.
 template <typename F> void for_each_mesh_element(blob_attr *list, F &&fn) noexcept
 {
-    if (!list)
-        return;
-    auto *elem = static_cast<blob_attr *>(blobmsg_data(list));
-    size_t remaining = blobmsg_data_len(list);
-    while (remaining >= sizeof(blob_attr)) {
-        size_t pad = blob_pad_len(elem);
-        if (pad <= 3 || pad > remaining)
-            break;
-        blob_attr *tb[MESH_CLIENT_ATTR_MAX];
-        fn(parse_mesh_entry(elem, remaining, tb) ? tb : nullptr);
-        remaining -= pad;
-        elem = reinterpret_cast<blob_attr *>(reinterpret_cast<char *>(elem) + pad);
-    }
+    mesh_cursor cursor(list);
+    blob_attr *tb[MESH_CLIENT_ATTR_MAX];
+    bool valid = false;
+    while (cursor.next(tb, valid))
+        fn(valid ? tb : nullptr);
 }
 
 // Parses the message attribute with the four-key policy: true when all

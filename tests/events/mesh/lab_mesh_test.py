@@ -53,8 +53,15 @@ def test_mesh_peers(c):
         sb.start_daemon()
         sb.wait_bus_object("lanroster", 30)
         c.check(wait_until(lambda: online(sb, tv_mac), 30), "the scan finds the wired client")
-        # Level 7 shows when the daemon has dealt with a list it ignores.
+        # Level 7 shows when the daemon has dealt with a list it ignores. The
+        # event is a task like the lists: its effect is awaited, a pass (asked
+        # for by "update") then prints lines of that level.
         sb.ubus("send", "lanroster.set_log_level", json.dumps({"log_level": 7}))
+
+        def level_7():
+            sb.ubus_call("lanroster", "update", {})
+            return "|level:7|" in sb.console()
+        c.check(wait_until(level_7, 20), "log level 7 is in force")
 
         # Two clients of peer A come up with A's MAC.
         c.check(send(sb, PEER_A, [entry("02:4d:00:00:10:01", ip="192.168.1.181"),
@@ -69,6 +76,8 @@ def test_mesh_peers(c):
                 ("network_device", PEER_A, "NODE-A", 1, "5G", "192.168.1.181"),
                 "a new client: network_device, A's MAC and id, its band and address")
         c.equal(plug.get("wire_type"), "iot_2.4G", "client type 3 on 2.4G is an IoT client")
+        c.check(sb.wait_console("client(0) mac=02:4d:00:00:10:01, ip=192.168.1.181, name=peer-side-name"),
+                "above level 5 the daemon prints the list it got")
 
         # Compare passes do not age a peer's client: one that ends without
         # it would take a client of status 5 offline. A pass shows by the
