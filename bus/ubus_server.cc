@@ -12,6 +12,7 @@
 #include "bus/ubus_handlers.h"
 #include "core/log.h"
 #include "core/threadpool.h"
+#include "events/mesh_client.h"
 
 ubus_context *ubus_ctx = nullptr;
 blob_buf reply_buf = {};
@@ -84,10 +85,10 @@ ubus_object mac_oui_object = {.avl = {},
                               .methods = mac_oui_methods,
                               .n_methods = static_cast<int>(std::size(mac_oui_methods))};
 
-// The mesh peers' client lists ("meshd_client_update") come first once
-// their handler is in; until then that name is handled like any unknown one.
+// The mesh peers' client lists come first: they are the one event of
+// daily traffic.
 const event_task_row event_task_table[] = {
-    {"meshd_client_update", nullptr},
+    {"meshd_client_update", mesh_client_update_handler},
     {"print_client", print_client},
     {"set_log_level", set_log_level},
     {"print_lan_info", print_lan_info},

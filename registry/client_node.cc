@@ -336,6 +336,11 @@ client_node *delete_oldest_node_from_list() noexcept
     return node;
 }
 
+client_node *eviction_victim() noexcept
+{
+    return history_head ? choose_victim() : nullptr;
+}
+
 void set_node_status(client_node *node, uint8_t status) noexcept
 {
     node->status = status;

@@ -152,6 +152,9 @@ int create_memory_queue() noexcept;
 client_node *get_free_node() noexcept;
 void release_node(client_node *node) noexcept;
 client_node *delete_oldest_node_from_list() noexcept;
+// The record delete_oldest_node_from_list would evict if the pool were
+// empty now; NULL for an empty list.
+client_node *eviction_victim() noexcept;
 int delete_specific_node_from_list(const uint8_t mac[6]) noexcept;
 int delete_offline_node_by_mac(const char *mac_text) noexcept;
 void set_node_status(client_node *node, uint8_t status) noexcept;

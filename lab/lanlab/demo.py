@@ -1,10 +1,11 @@
 """The demo: a home LAN of a dozen devices with the daemon in it; the LAN
 roster as the daemon tells it over the bus, before and after one device
-leaves and another joins. Shows what exists so far and says what does not."""
+leaves and another joins, and the two clients of a second mesh node as that
+node reports them. Shows what exists so far and says what does not."""
 import os
 import time
 
-from . import scenarios, sweep, util
+from . import mesh, scenarios, sweep, util
 from .lab import Lab
 from .roster import format_table, roster_rows
 from .sandbox import default_build_dir
@@ -109,6 +110,16 @@ class Daemon:
         return clients
 
 
+def show_mesh_peer(d):
+    section(f"mesh: node {mesh.DEMO_PEER} reports its two clients "
+            "(ubus send lanroster.meshd_client_update)")
+    clients = mesh.demo_clients()
+    mesh.send_update(d.sb, mesh.DEMO_PEER, clients)
+    want = {c["mac"].upper().replace(":", "-") for c in clients}
+    listed = d.wait_roster(lambda cl: want <= {r[0] for r in mesh.peer_rows(d.sb, cl)}, 10)
+    table(mesh.peer_rows(d.sb, listed), mesh.PEER_HEADERS)
+
+
 def main(build_dir=None):
     build_dir = build_dir or default_build_dir()
     t0 = time.monotonic()
@@ -149,6 +160,8 @@ def main(build_dir=None):
                 "ages out of them; it is the daemon's ARP probe that finds it gone.")
             say("The daemon's roster (its bus query) is not there yet: it appears here "
                 "once build/lanroster answers on the bus.")
+        if d.bus:
+            show_mesh_peer(d)
         if d.running:
             say(f"\ndaemon console lines captured: {len(d.sb.console().splitlines())}; "
                 f"platform commands it ran: {sorted({c['cmd'] for c in d.sb.calls()})}")

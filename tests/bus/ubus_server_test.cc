@@ -474,7 +474,7 @@ TEST_F(Events, NoPrefixIsIgnoredUnknownNameIsDropped)
     bus_.send_event("lanroster", nullptr);
     EXPECT_EQ(event_copies_dropped, before);
     bus_.send_event("lanroster.no_such_event", "{\"a\": 1}");
-    bus_.send_event("lanroster.meshd_client_update", "{}");
+    bus_.send_event("lanroster.meshd_client_updat", "{}");
     EXPECT_EQ(event_copies_dropped, before + 2);
     drain_pool();
     EXPECT_EQ(console().find("lan info"), std::string::npos);
