@@ -6,6 +6,7 @@
 
 #include <cjson/cJSON.h>
 #include <string>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <vector>
 
@@ -13,9 +14,11 @@
 #include "recog_test_util.h"
 #include "recognition/fing_report.h"
 #include "recognition/fing_state.h"
+#include "recognition/http_user_agent.h"
 #include "recognition/new_client_notify.h"
 #include "registry/client_node.h"
 #include "registry/compare.h"
+#include "registry/history_list_mgmt.h"
 
 using namespace recogtest;
 using regtest::file_exists;
@@ -576,4 +579,155 @@ TEST(FingReport, TypeCategoryFolds)
     snprintf(name, sizeof(name), "Smart Plug");
     fing_type_category(name, sizeof(name));
     EXPECT_STREQ(name, "Smart Plug");
+}
+
+namespace
+{
+
+// The kernel module's file, in a procfs-free view of this test's private
+// mount namespace.
+void proc_client_types(const std::string &text)
+{
+    struct stat st {
+    };
+    if (stat("/proc/client-type", &st) != 0) {
+        ASSERT_EQ(mount("none", "/proc", "tmpfs", 0, "mode=0755"), 0);
+        ASSERT_EQ(mkdir("/proc/client-type", 0755), 0);
+    }
+    write_file("/proc/client-type/devices", text);
+}
+
+// A recognition stand-in that answers "NAS" for every MAC it was asked about.
+void answer_every_mac_as_nas()
+{
+    write_file(std::string("/tmp/bin/") + FING_RECOGNIZE_COMMAND,
+               std::string(recognize_script) +
+                   "list=''\nfor m in $(grep -o '[0-9A-F]\\{2\\}\\(-[0-9A-F]\\{2\\}\\)\\{5\\}' "
+                   "/tmp/cloud/cloud_report_fing); do\n"
+                   "  list=\"$list${list:+,}{\\\"mac\\\":\\\"$m\\\",\\\"clientType\\\":\\\"NAS\\\","
+                   "\\\"nextQueryInterval\\\":0}\"\ndone\n"
+                   "echo \"{\\\"code\\\":0,\\\"result\\\":{\\\"clientList\\\":[$list]}}\" > "
+                   "/tmp/fing/update_fing_type\n",
+               0755);
+}
+
+std::string proc_line(int i, const char *agent)
+{
+    std::string line = dashed(i) + " 2";
+    if (agent)
+        line += std::string(" ") + agent;
+    return line + "\n";
+}
+
+int run_user_agent_turn()
+{
+    http_counter = 5;
+    return check_http_user_agent(nullptr);
+}
+
+} // namespace
+
+TEST(HttpUserAgent, LineWithoutAgentStoresAnEmptyValueAndStillGoes)
+{
+    EXPECT_TRUE(run_in_store([] {
+        cloud_env();
+        live_clients(1);
+        state(1, {});
+        write_file("/tmp/reply", reply_for({}));
+        proc_client_types(proc_line(1, nullptr));
+        EXPECT_EQ(run_user_agent_turn(), 0);
+        ASSERT_EQ(requests(), 1);
+        EXPECT_EQ(request_macs(1), std::vector<std::string>{dashed(1)});
+        EXPECT_EQ(state_of(1, "http_user_agent"), "");
+        EXPECT_FALSE(file_exists(FING_HTTP_REPORT_FILE));
+    }));
+}
+
+TEST(HttpUserAgent, OfflineClientIsSkipped)
+{
+    EXPECT_TRUE(run_in_store([] {
+        cloud_env();
+        live_clients(1);
+        state(1, {});
+        state(2, {});
+        proc_client_types(proc_line(2, "Mozilla/5.0"));
+        EXPECT_EQ(run_user_agent_turn(), 0);
+        EXPECT_EQ(requests(), 0);
+    }));
+}
+
+TEST(HttpUserAgent, TwentyFiveClientsGoAsTwentyThenFive)
+{
+    EXPECT_TRUE(run_in_store([] {
+        cloud_env();
+        answer_every_mac_as_nas();
+        live_clients(25);
+        std::string proc;
+        for (int i = 1; i <= 25; i++) {
+            state(i, {});
+            proc += proc_line(i, "Mozilla/5.0 (X11)");
+        }
+        proc_client_types(proc);
+        EXPECT_EQ(run_user_agent_turn(), 0);
+        ASSERT_EQ(requests(), 1);
+        EXPECT_EQ(request_macs(1).size(), 20u);
+        EXPECT_EQ(state_of(1, "http_user_agent"), "Mozilla/5.0 (X11)");
+        EXPECT_EQ(regtest::read_history()[regtest::hex_mac(1)]["http_upload"], "1");
+        EXPECT_EQ(regtest::read_history()[regtest::hex_mac(21)].count("http_upload"), 0u);
+        last_query_fail_time = 0;
+        EXPECT_EQ(run_user_agent_turn(), 0);
+        ASSERT_EQ(requests(), 2);
+        EXPECT_EQ(request_macs(2).size(), 5u);
+        EXPECT_EQ(request_macs(2)[0], dashed(21));
+        EXPECT_EQ(run_user_agent_turn(), 0);
+        EXPECT_EQ(requests(), 2) << "every client is marked now";
+    }));
+}
+
+TEST(HttpUserAgent, UploadedClientIsNotReportedAgainEvenWithANewAgent)
+{
+    EXPECT_TRUE(run_in_store([] {
+        cloud_env();
+        live_clients(1);
+        state(1, {{"http_user_agent", "Old/1.0"}});
+        client_node marked{};
+        regtest::test_mac(marked.mac, 1);
+        marked.device_type = DEVICE_TYPE_UNKNOWN;
+        write_to_history_list(&marked, "Acme", "1", 1);
+        ASSERT_EQ(regtest::read_history()[regtest::hex_mac(1)]["http_upload"], "1");
+        proc_client_types(proc_line(1, "New/2.0"));
+        EXPECT_EQ(run_user_agent_turn(), 0);
+        EXPECT_EQ(requests(), 0);
+        EXPECT_EQ(state_of(1, "http_user_agent"), "Old/1.0");
+    }));
+}
+
+TEST(HttpUserAgent, RunsOnEverySixthCallAndNeedsTheFile)
+{
+    EXPECT_TRUE(run_in_store([] {
+        cloud_env();
+        for (int i = 0; i < 5; i++)
+            EXPECT_EQ(check_http_user_agent(nullptr), 0);
+        std::string out = regtest::capture_stdout([] { EXPECT_EQ(check_http_user_agent(nullptr), -1); });
+        EXPECT_NE(out.find("open file /proc/pctl/devices error!"), std::string::npos);
+        EXPECT_EQ(http_counter, 0);
+    }));
+}
+
+TEST(HttpUserAgent, ProcLinesParse)
+{
+    client_type_line l{};
+    EXPECT_TRUE(parse_client_type_line("aa:bb:cc:dd:ee:ff 12 Mozilla/5.0 (X11; Linux)\n", l));
+    EXPECT_STREQ(l.mac, "aa:bb:cc:dd:ee:ff");
+    EXPECT_EQ(l.device_class, 12);
+    EXPECT_STREQ(l.agent, "Mozilla/5.0 (X11; Linux)");
+    EXPECT_TRUE(parse_client_type_line("aa:bb:cc:dd:ee:ff\n", l));
+    EXPECT_EQ(l.device_class, -1);
+    EXPECT_STREQ(l.agent, "");
+    EXPECT_TRUE(parse_client_type_line("aa:bb:cc:dd:ee:ff x agent", l));
+    EXPECT_EQ(l.device_class, -1);
+    EXPECT_STREQ(l.agent, "");
+    EXPECT_FALSE(parse_client_type_line("   \n", l));
+    EXPECT_TRUE(parse_client_type_line(std::string(40, 'a') + " 1 x", l));
+    EXPECT_STREQ(l.mac, "");
 }
