@@ -65,7 +65,7 @@ int deliver_macs(const std::vector<uint8_t> &macs, uint8_t **out, int *count) no
     return 0;
 }
 
-// The readers of other services that are not in yet give their rows from
+// The readers of other services give their rows from
 // here; the file clients come from the real reader of the daemon's package
 // (counted). The clock is fixed so that times read exactly.
 const hist_source_ops fake_ops = {
