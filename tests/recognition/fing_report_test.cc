@@ -6,6 +6,7 @@
 
 #include <cjson/cJSON.h>
 #include <string>
+#include <csignal>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <vector>
@@ -730,4 +731,20 @@ TEST(HttpUserAgent, ProcLinesParse)
     EXPECT_FALSE(parse_client_type_line("   \n", l));
     EXPECT_TRUE(parse_client_type_line(std::string(40, 'a') + " 1 x", l));
     EXPECT_STREQ(l.mac, "");
+}
+
+TEST(FingReport, HangingRecognizerIsKilledAndCountsAsNoReply)
+{
+    EXPECT_TRUE(run_in_store([] {
+        cloud_env();
+        write_file(std::string("/tmp/bin/") + FING_RECOGNIZE_COMMAND,
+                   "#!/bin/sh\necho $$ > /tmp/recognize.pid\nexec sleep 600\n", 0755);
+        batch("/tmp/batch", {1});
+        time_t start = time(nullptr);
+        EXPECT_EQ(fing_report_file("/tmp/batch"), 0);
+        EXPECT_LE(time(nullptr) - start, FING_RECOGNIZE_TIMEOUT_MS / 1000 + 2);
+        pid_t pid = std::atoi(read_file("/tmp/recognize.pid").c_str());
+        EXPECT_NE(kill(pid, 0), 0) << "the command is gone";
+        EXPECT_EQ(wait_cloud_time, 4);
+    }));
 }
