@@ -386,3 +386,50 @@ int get_gaming_lan_macs(uint8_t **macs, int *count) noexcept
     *count = found;
     return 0;
 }
+
+int parse_mesh_access(const char *text, size_t len, mesh_access_entry **entries, int *count) noexcept
+{
+    json_ptr root(text ? cJSON_ParseWithLength(text, len) : nullptr);
+    if (!cJSON_IsArray(root.get())) {
+        lr_write_line(STDERR_FILENO, "Failed to parse JSON\n");
+        return -1;
+    }
+    int n = cJSON_GetArraySize(root.get());
+    if (n <= 0)
+        return 0;
+    auto *out =
+        static_cast<mesh_access_entry *>(std::calloc(static_cast<size_t>(n), sizeof(mesh_access_entry)));
+    if (!out) {
+        lr_write_line(STDERR_FILENO, "Failed to malloc\n");
+        return -1;
+    }
+    int at = 0;
+    for (const cJSON *el = root->child; el && at < n; el = el->next, at++) {
+        mesh_access_entry &e = out[at];
+        mac_of(cJSON_GetObjectItem(el, "mac"), e.mac);
+        e.access_time = int_of(el, "access_time");
+        e.access_uptime = int_of(el, "access_uptime");
+    }
+    *entries = out;
+    *count = at;
+    return 0;
+}
+
+int get_mesh_access(mesh_access_entry **entries, int *count) noexcept
+{
+    no_rows(reinterpret_cast<void **>(entries), count);
+    if (!entries || !count)
+        return -1;
+    file_ptr f(std::fopen(MESH_ACCESS_FILE, "rb"));
+    if (!f) {
+        lr_write_line(STDERR_FILENO, "Failed to open json file \n");
+        return -1;
+    }
+    std::unique_ptr<char[]> text(new (std::nothrow) char[MESH_ACCESS_FILE_MAX]);
+    if (!text) {
+        lr_write_line(STDERR_FILENO, "Memory allocation failed\n");
+        return -1;
+    }
+    size_t len = std::fread(text.get(), 1, MESH_ACCESS_FILE_MAX, f.get());
+    return parse_mesh_access(text.get(), len, entries, count);
+}

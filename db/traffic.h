@@ -52,6 +52,18 @@ static_assert(sizeof(br_fdb_record) == 16);
 // At most BR_FDB_RECORDS records; 0 records is a failure.
 int get_br_fdb(br_fdb_record **records, int *count) noexcept;
 
+struct mesh_access_entry {
+    uint8_t mac[6];
+    int32_t access_time;
+    int32_t access_uptime;
+};
+// The mesh service's file of client access times, read whole up to
+// MESH_ACCESS_FILE_MAX bytes.
+inline constexpr char MESH_ACCESS_FILE[] = "/tmp/client_list.json";
+inline constexpr size_t MESH_ACCESS_FILE_MAX = 1 << 20;
+// An empty array is success with no rows and a count of 0.
+int get_mesh_access(mesh_access_entry **entries, int *count) noexcept;
+
 // The parsers of the services' answers, on text already read (`len` bytes,
 // not necessarily terminated).
 int parse_tfstats(const char *text, size_t len, tfstats_entry **entries, int *count,
@@ -59,3 +71,4 @@ int parse_tfstats(const char *text, size_t len, tfstats_entry **entries, int *co
 int parse_hi_bw_occ(const char *text, size_t len, uint8_t **macs, int *count) noexcept;
 int parse_mesh_agent(const char *text, size_t len, uint8_t **macs, int *count) noexcept;
 int parse_seg_over_limit(const char *text, size_t len) noexcept;
+int parse_mesh_access(const char *text, size_t len, mesh_access_entry **entries, int *count) noexcept;

@@ -261,3 +261,28 @@ TEST(Traffic, NoGamingSectionLeavesTheBridgeAlone)
         EXPECT_EQ(get_gaming_port_name(nullptr, 0), -1);
     }));
 }
+
+TEST(Traffic, MeshAccessTimesFromTheFile)
+{
+    EXPECT_TRUE(regtest::run_in_sandbox([] {
+        mesh_access_entry *rows = nullptr;
+        int n = 3;
+        EXPECT_EQ(get_mesh_access(&rows, &n), -1);
+        write_file("/tmp/client_list.json", "[]");
+        EXPECT_EQ(get_mesh_access(&rows, &n), 0);
+        EXPECT_EQ(rows, nullptr);
+        EXPECT_EQ(n, 0);
+        write_file(
+            "/tmp/client_list.json",
+            R"([{"mac":"02:00:00:00:00:01","access_time":1700000000,"access_uptime":55},{"mac":"x"}])");
+        ASSERT_EQ(get_mesh_access(&rows, &n), 0);
+        ASSERT_EQ(n, 2);
+        EXPECT_EQ(rows[0].mac[5], 1);
+        EXPECT_EQ(rows[0].access_time, 1700000000);
+        EXPECT_EQ(rows[0].access_uptime, 55);
+        EXPECT_EQ(rows[1].access_time, 0);
+        std::free(rows);
+        write_file("/tmp/client_list.json", "{}");
+        EXPECT_EQ(get_mesh_access(&rows, &n), -1);
+    }));
+}
