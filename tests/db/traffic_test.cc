@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -284,5 +285,37 @@ TEST(Traffic, MeshAccessTimesFromTheFile)
         std::free(rows);
         write_file("/tmp/client_list.json", "{}");
         EXPECT_EQ(get_mesh_access(&rows, &n), -1);
+    }));
+}
+
+// The bridge files in a sysfs-free view of the test's private mount
+// namespace: 300 forwarding records, every third on port 4.
+TEST(Traffic, GamingPortClientsFromTheFirst256Records)
+{
+    EXPECT_TRUE(regtest::run_in_sandbox([] {
+        ASSERT_EQ(mount("none", "/sys", "tmpfs", 0, "mode=0755"), 0);
+        ASSERT_EQ(system("mkdir -p /sys/class/net/br-lan /sys/class/net/eth0.4/brport"), 0);
+        write_file("/sys/class/net/eth0.4/brport/port_no", "0x4\n");
+        write_file("/etc/config/switch", "config gaming 'gaming'\n\toption switch_port 'lan4'\n\nconfig port "
+                                         "'lan4'\n\toption ifname 'eth0.4'\n");
+        std::string records;
+        for (int i = 0; i < 300; i++) {
+            br_fdb_record r{};
+            r.mac[0] = 0x02;
+            r.mac[4] = static_cast<uint8_t>(i >> 8);
+            r.mac[5] = static_cast<uint8_t>(i);
+            r.port_no = i % 3 == 0 ? 4 : 1;
+            records.append(reinterpret_cast<const char *>(&r), sizeof(r));
+        }
+        write_file("/sys/class/net/br-lan/brforward", records);
+        uint8_t *macs = nullptr;
+        int n = 0;
+        ASSERT_EQ(get_gaming_lan_macs(&macs, &n), 0);
+        EXPECT_EQ(n, 86) << "records 0, 3 ... 255 of the first 256";
+        EXPECT_EQ(macs[5], 0);
+        EXPECT_EQ(macs[6 * 85 + 5], 255);
+        std::free(macs);
+        write_file("/sys/class/net/br-lan/brforward", "");
+        EXPECT_EQ(get_gaming_lan_macs(&macs, &n), -1) << "no record is a failure";
     }));
 }
