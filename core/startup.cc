@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "bus/ubus_server.h"
+#include "core/children.h"
 #include "core/locks.h"
 #include "core/log.h"
 #include "core/openwrt.h"
@@ -100,6 +101,7 @@ int lanroster_main() noexcept
     // Without our handler libubox installs its own at uloop_init, and the
     // daemon still stops, only less promptly during the start-up pass.
     stop_signals_init();
+    child_signals_init();
     load_early_config();
     uloop_init();
     stop_signals_watch();

@@ -19,7 +19,6 @@ constexpr size_t NB_ENTRY_TEXT = 16;
 constexpr size_t NB_ENTRY = 18;
 constexpr size_t NB_GROUP_FIRST = 75;
 constexpr size_t NB_GROUP_FLAG_STRIDE = 16;
-constexpr int NB_GROUP_CANDIDATES = 53;
 constexpr uint8_t NB_GROUP_BIT = 0x80;
 
 constexpr size_t MDNS_IP6_LABEL_LEN = 102;
@@ -85,26 +84,37 @@ bool printable(const char *text, size_t len)
     return true;
 }
 
-// The workgroup: the first group name among the entries after the first.
+// The workgroup: the texts of the group entries after the first entry, one
+// after the other, for the length goes on from one group entry to the next.
 // The group flag of the i-th candidate is read at 75 + 16 * i, which is the
-// flag byte of the first entry and a fixed place for the later ones.
+// flag byte of the first entry and a fixed place for the later ones. One
+// text with a byte outside 0x20..0x7E and nothing is found.
 void find_domain(const reply_view &r, netbios_result &out)
 {
-    for (int i = 1; i <= NB_GROUP_CANDIDATES; i++) {
-        size_t entry = NB_GROUP_FIRST + NB_ENTRY * static_cast<size_t>(i - 1);
+    size_t len = 0;
+    bool found = false;
+    for (size_t i = 1; i <= NETBIOS_GROUP_CANDIDATES; i++) {
+        size_t entry = NB_GROUP_FIRST + NB_ENTRY * (i - 1);
         if (entry >= NAME_REPLY_MAX || r.at(entry) == 0)
-            return;
-        if (!(r.at(NB_GROUP_FIRST + NB_GROUP_FLAG_STRIDE * static_cast<size_t>(i)) & NB_GROUP_BIT))
+            break;
+        if (!(r.at(NB_GROUP_FIRST + NB_GROUP_FLAG_STRIDE * i) & NB_GROUP_BIT))
             continue;
         char text[17];
-        size_t len = entry_text(r, entry, text);
-        if (!printable(text, len))
+        size_t n = entry_text(r, entry, text);
+        if (!printable(text, n)) {
+            out.domain[0] = '\0';
             return;
-        len = cut_blanks(text, len);
-        std::memcpy(out.domain, text, len + 1);
-        out.has_domain = true;
-        return;
+        }
+        // 53 candidates of 16 characters fill the buffer exactly.
+        std::memcpy(out.domain + len, text, n);
+        len += n;
+        found = true;
     }
+    if (!found)
+        return;
+    out.domain[len] = '\0';
+    cut_blanks(out.domain, len);
+    out.has_domain = true;
 }
 
 } // namespace
@@ -168,7 +178,8 @@ size_t mdns_build_ip4_query(std::span<uint8_t, MDNS_IP4_QUERY_MAX> packet, uint1
     return at + 4;
 }
 
-int mdns_build_ip6_query(std::span<uint8_t, MDNS_IP6_QUERY_LEN> packet, uint16_t id, const char *hex_text) noexcept
+int mdns_build_ip6_query(std::span<uint8_t, MDNS_IP6_QUERY_LEN> packet, uint16_t id,
+                         const char *hex_text) noexcept
 {
     if (!hex_text || strnlen(hex_text, 33) != 32)
         return 0;

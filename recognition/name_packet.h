@@ -25,11 +25,19 @@ uint16_t next_query_id(uint16_t &sequence) noexcept;
 // The node status query for the wildcard name. Returns its length (50).
 size_t netbios_build_query(std::span<uint8_t, NETBIOS_QUERY_LEN> packet, uint16_t id) noexcept;
 
+// Group entries looked at in a node status reply, and the characters the
+// workgroup text can then reach.
+inline constexpr size_t NETBIOS_GROUP_CANDIDATES = 53;
+inline constexpr size_t NETBIOS_DOMAIN_MAX = NETBIOS_GROUP_CANDIDATES * 16;
+
 struct netbios_result {
     char name[17];   // the first name of the table, trailing blanks cut
     size_t name_len; // its length
-    bool has_domain; // a group name was found and is printable
-    char domain[17]; // the workgroup, trailing blanks cut
+    bool has_domain; // a group name was found and every one is printable
+    // The workgroup: the texts of all group entries one after the other
+    // (16 characters at most each, of at most 53 entries), trailing blanks
+    // cut.
+    char domain[NETBIOS_DOMAIN_MAX + 1];
 };
 // Whether `reply` answers the query `id`; fills `out` when it does.
 bool netbios_parse_reply(std::span<const uint8_t> reply, uint16_t id, netbios_result &out) noexcept;
@@ -39,7 +47,8 @@ bool netbios_parse_reply(std::span<const uint8_t> reply, uint16_t id, netbios_re
 size_t mdns_build_ip4_query(std::span<uint8_t, MDNS_IP4_QUERY_MAX> packet, uint16_t id, uint32_t ip) noexcept;
 // The reverse query of an IPv6 address given as 32 upper-case hex digits.
 // Returns 90, or 0 when the text is not 32 hex digits.
-int mdns_build_ip6_query(std::span<uint8_t, MDNS_IP6_QUERY_LEN> packet, uint16_t id, const char *hex_text) noexcept;
+int mdns_build_ip6_query(std::span<uint8_t, MDNS_IP6_QUERY_LEN> packet, uint16_t id,
+                         const char *hex_text) noexcept;
 
 // The name of a reply to an IPv4 query of `query_len` bytes: the first label
 // of the answer's data, which follows the echoed question and a compressed

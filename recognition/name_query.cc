@@ -52,7 +52,8 @@ void remember(const uint8_t mac[6], const char *option, const char *value)
 {
     if (!mac || !value)
         return;
-    char text[NAME_TEXT_MAX];
+    // The workgroup is the longest text a probe learns.
+    char text[NETBIOS_DOMAIN_MAX + 1];
     std::snprintf(text, sizeof(text), "%s", value);
     if (fing_text_clean(text) != 1)
         return;
@@ -179,7 +180,8 @@ int mdns_probe_v6(const char *ip6_text, std::span<char, NAME_TEXT_MAX> out, int 
     to.sin6_port = htons(MDNS_PORT);
     to.sin6_scope_id = if_nametoindex(lan_bridge_name);
     inet_pton(AF_INET6, MDNS_GROUP_V6, &to.sin6_addr);
-    if (sendto(fd.get(), query, static_cast<size_t>(len), 0, reinterpret_cast<sockaddr *>(&to), sizeof(to)) <= 0) {
+    if (sendto(fd.get(), query, static_cast<size_t>(len), 0, reinterpret_cast<sockaddr *>(&to), sizeof(to)) <=
+        0) {
         std::printf("errno:%s\n", std::strerror(errno));
         std::fflush(stdout);
         return 0;

@@ -16,6 +16,7 @@
 #include "recognition/http_user_agent.h"
 #include "recognition/new_client_notify.h"
 #include "registry/history_list_mgmt.h"
+#include "registry/ip6_copy.h"
 #include "registry/rwlock_guard.h"
 #include "scan/client_table.h"
 #include "scan/topology.h"
@@ -129,11 +130,7 @@ void copy_entry_fields(client_node *node, const client_table_entry *entry, statu
         node->guest = entry->guest;
     if (entry->ip != 0)
         node->ip = entry->ip;
-    free_ip6_globals(node);
-    // The addresses of the entry's IPv6 record are copied here once the
-    // IPv6 phases of the scan exist; until then no entry has one.
-    if (!entry->ip6)
-        node->ip6_state = 0;
+    copy_ip6_globals(node, entry->ip6);
     std::memcpy(node->ip6_local, entry->ip6_local, sizeof(node->ip6_local));
     node->ip6_only = entry->ip6_only;
     if (!keep_port)

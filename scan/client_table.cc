@@ -16,6 +16,7 @@
 #include "scan/arp.h"
 #include "scan/bridge.h"
 #include "scan/lan_info.h"
+#include "scan/ip6.h"
 #include "scan/lease.h"
 #include "scan/neigh.h"
 #include "scan/topology.h"
@@ -123,10 +124,6 @@ struct pass_fdb {
     fdb_entry *buckets[FDB_BUCKETS] = {};
 };
 pass_fdb fdb_of_pass;
-
-// Call site of the part that is not in yet: no effect now, and it keeps its
-// place in the order of the pass.
-void run_ipv6_phases_locked() {} // IPv6 neighbours and Neighbor Solicitation
 
 // Stations of an access point or repeater that keeps no lease file: each
 // station the hook file knows and the pass has no entry for gets one, with
@@ -414,7 +411,7 @@ int create_client_table() noexcept
     drop_unanswered_probes_locked();
     if (sys_mode_is_node())
         add_hook_stations_locked();
-    run_ipv6_phases_locked();
+    run_ipv6_phases_locked(std::span<const uint8_t>(dump.get(), static_cast<size_t>(dump_len)));
     check_remembered_locked();
     assign_ports_locked();
     if (sys_mode_is_node())

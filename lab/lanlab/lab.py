@@ -7,6 +7,7 @@ import re
 import socket
 import struct
 import subprocess
+import time
 
 from . import util
 from .util import LabError, log
@@ -497,14 +498,32 @@ class Lab:
         """Each client sends one datagram to the router, as a real device does
         when it starts talking: the router learns it in its neighbour table
         (from the ARP or NS), and the bridges learn its MAC on its port."""
+        sent4 = []
         for c in clients:
             with util.NetnsEntered(c.ns):
-                if c.ipv4 and c.ip:
-                    self._send(socket.AF_INET, (self._gw_for(c), 9))
+                if c.ipv4 and c.ip and self._send(socket.AF_INET, (self._gw_for(c), 9)):
+                    sent4.append(c)
                 if c.ipv6:
                     self._send(socket.AF_INET6, (self.router_ip6, 9))
                     self._send(socket.AF_INET6, ("fe80::" + self._router_ll_suffix(), 9, 0,
                                                  socket.if_nametoindex("eth0")))
+        self._wait_learnt(sent4)
+
+    def _wait_learnt(self, clients, timeout=20):
+        """The datagram leaves once the client's ARP exchange is done, which
+        on a loaded machine can be after announce returns: a test that scans
+        at once would miss the client. So announce ends when the router's
+        neighbour table holds every announced IPv4 address with a MAC (or,
+        for a scenario where the router cannot learn it, after the timeout)."""
+        want = {c.ip for c in clients}
+        deadline = time.monotonic() + timeout
+        while want and time.monotonic() < deadline:
+            known = {a for a, mac, state, _dev in self.neighbours() if mac and state != "FAILED"}
+            if want <= known:
+                return
+            time.sleep(0.02)
+        if want:
+            log(f"lab {self.id}: not learnt by the router: {sorted(want - known)}")
 
     def _gw_for(self, c):
         """The router's address on the client's bridge."""
@@ -523,8 +542,9 @@ class Lab:
         s = socket.socket(family, socket.SOCK_DGRAM)
         try:
             s.sendto(b"lab", addr)
+            return True
         except OSError:
-            pass   # an unreachable peer is the point of some scenarios
+            return False   # an unreachable peer is the point of some scenarios
         finally:
             s.close()
 

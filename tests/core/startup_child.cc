@@ -76,7 +76,9 @@ int wait_status(int pid)
 
 bool isolate()
 {
-    return sandbox::private_mounts() && unshare(CLONE_NEWNET) == 0 && sandbox::mount_tmpfs("/run");
+    // A private /tmp too: the start creates the lease file it watches.
+    return sandbox::private_mounts() && unshare(CLONE_NEWNET) == 0 && sandbox::mount_tmpfs("/run") &&
+           sandbox::mount_tmpfs("/tmp");
 }
 
 bool device_packages()

@@ -10,14 +10,15 @@
 
 using namespace packettest;
 
-namespace {
+namespace
+{
 
 std::string text_of(const uint8_t *p, size_t n)
 {
     return std::string(reinterpret_cast<const char *>(p), n);
 }
 
-}  // namespace
+} // namespace
 
 TEST(NamePacket, IdentifiersFollowTheSequence)
 {
@@ -119,6 +120,35 @@ TEST(NamePacket, NetbiosWorkgroupWithControlByteIsDropped)
     EXPECT_FALSE(out.has_domain);
 }
 
+TEST(NamePacket, NetbiosWorkgroupTextsOfGroupEntriesFollowOneAnother)
+{
+    // Candidate 1's flag is the flag byte of entry 2; candidate 2's is read
+    // at 75 + 32 = 107, the 15th byte of entry 3 (which starts at 93). Entry
+    // 3's text ends at a 0 byte before that place, which has bit 7 here.
+    // The length goes on from one group entry to the next, so the second
+    // text follows the first, blanks and all.
+    auto r = netbios_reply(0x1001, {netbios_entry("NAS", 0x00, 0x0400), netbios_entry("HOME", 0x00, 0x8400),
+                                    netbios_entry("OFFICE", 0x00, 0x0400)});
+    r[93 + 6] = 0;
+    r[107] = 0x80;
+    netbios_result out{};
+    ASSERT_TRUE(netbios_parse_reply(r, 0x1001, out));
+    ASSERT_TRUE(out.has_domain);
+    EXPECT_STREQ(out.domain, "HOME           OFFICE");
+}
+
+TEST(NamePacket, NetbiosLaterGroupEntryWithControlByteDropsTheWholeWorkgroup)
+{
+    auto r = netbios_reply(0x1001, {netbios_entry("NAS", 0x00, 0x0400), netbios_entry("HOME", 0x00, 0x8400),
+                                    netbios_entry("OF\x01ICE", 0x00, 0x0400)});
+    r[107] = 0x80;
+    netbios_result out{};
+    ASSERT_TRUE(netbios_parse_reply(r, 0x1001, out));
+    EXPECT_STREQ(out.name, "NAS");
+    EXPECT_FALSE(out.has_domain);
+    EXPECT_STREQ(out.domain, "");
+}
+
 TEST(NamePacket, NetbiosLargestTableStaysInBounds)
 {
     std::vector<bytes> entries;
@@ -139,8 +169,8 @@ TEST(NamePacket, MdnsIp4QueryLayout)
     size_t len = mdns_build_ip4_query(q, 0x1001, a.s_addr);
     // Labels "5", "1", "168", "192": L = 2 + 2 + 4 + 4.
     ASSERT_EQ(len, 12u + 30u);
-    const uint8_t want[] = {1, '5', 1, '1', 3, '1', '6', '8', 3, '1', '9', '2', 7, 'i', 'n', '-', 'a', 'd', 'd',
-                            'r', 4, 'a', 'r', 'p', 'a', 0, 0, 0x0C, 0, 1};
+    const uint8_t want[] = {1,   '5', 1,   '1', 3,   '1', '6', '8', 3,   '1', '9', '2', 7,    'i', 'n',
+                            '-', 'a', 'd', 'd', 'r', 4,   'a', 'r', 'p', 'a', 0,   0,   0x0C, 0,   1};
     EXPECT_EQ(std::memcmp(q + 12, want, sizeof(want)), 0);
     EXPECT_EQ(q[0], 0x10);
     EXPECT_EQ(q[1], 0x01);
@@ -167,7 +197,8 @@ TEST(NamePacket, MdnsIp4ReplyName)
     EXPECT_EQ(mdns_parse_ip4_reply(two, 0x1001, len, name), -1) << "two answers";
     // The label must end at least six bytes before the end of the reply.
     auto bare = mdns_reply(query, {"tv"});
-    EXPECT_EQ(mdns_parse_ip4_reply(std::span<const uint8_t>(bare.data(), bare.size() - 1), 0x1001, len, name), -1);
+    EXPECT_EQ(mdns_parse_ip4_reply(std::span<const uint8_t>(bare.data(), bare.size() - 1), 0x1001, len, name),
+              -1);
     EXPECT_EQ(mdns_parse_ip4_reply(std::span<const uint8_t>(r.data(), len - 1), 0x1001, len, name), -1);
 }
 
@@ -208,7 +239,9 @@ TEST(NamePacket, MdnsIp6QueryLayout)
     EXPECT_EQ(q[15], '0');
     EXPECT_EQ(q[12 + 62], 1);
     EXPECT_EQ(q[12 + 63], 'F');
-    EXPECT_EQ(text_of(q + 76, 10), std::string("\x03ip6\x04" "arpa\0", 10));
+    EXPECT_EQ(text_of(q + 76, 10), std::string("\x03ip6\x04"
+                                               "arpa\0",
+                                               10));
     EXPECT_EQ(q[86], 0);
     EXPECT_EQ(q[87], 0x0C);
     EXPECT_EQ(q[88], 0);

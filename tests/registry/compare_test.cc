@@ -1,4 +1,5 @@
 // The compare pass: statuses, moves, the clock rule and the callback rows.
+#include <arpa/inet.h>
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
@@ -19,6 +20,7 @@
 #include "registry/compare.h"
 #include "registry/history_list_mgmt.h"
 #include "registry_test_util.h"
+#include "scan/ip6.h"
 #include "scan/lease.h"
 #include "scan/topology.h"
 
@@ -599,3 +601,61 @@ TEST(Compare, StatusRowsRunOnlyForTheirStatus)
 }
 
 }  // namespace
+
+namespace {
+
+ip6_addr_node *ip6_node(const char *text, uint32_t state)
+{
+    auto *a = static_cast<ip6_addr_node *>(calloc(1, sizeof(ip6_addr_node)));
+    inet_pton(AF_INET6, text, a->addr);
+    a->state = state;
+    return a;
+}
+
+std::vector<std::string> globals_of(const client_node *n)
+{
+    std::vector<std::string> out;
+    for (const ip6_addr_node *a = n->ip6_globals; a; a = a->next) {
+        char t[INET6_ADDRSTRLEN];
+        inet_ntop(AF_INET6, a->addr, t, sizeof(t));
+        out.push_back(std::string(t) + (a->state ? " R" : " S"));
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(Compare, IPv6AddressesAndSummaryAreCopiedFromThePass)
+{
+    ASSERT_TRUE(run_in_sandbox([] {
+        fresh_registry();
+        ip6_info info{};
+        info.state = IP6_TWO_ALIVE;
+        info.addresses = ip6_node("2001:db8::1", 1);
+        info.addresses->next = ip6_node("2001:db8::2", 0);
+        info.addresses_tail = info.addresses->next;
+        entries e;
+        client_table_entry *x = e.add(1, "sensor");
+        x->ip6 = &info;
+        x->ip6_only = 1;
+        inet_pton(AF_INET6, "fe80::1", x->ip6_local);
+        ASSERT_EQ(compare_client_table(e.head()), 0);
+        client_node *n = node_of(1);
+        ASSERT_NE(n, nullptr);
+        EXPECT_EQ(n->ip6_state, IP6_TWO_ALIVE);
+        EXPECT_EQ(n->ip6_only, 1);
+        EXPECT_EQ(globals_of(n), (std::vector<std::string>{"2001:db8::1 R", "2001:db8::2 S"}));
+        EXPECT_NE(n->ip6_globals, info.addresses) << "a copy the record owns";
+        EXPECT_EQ(std::memcmp(n->ip6_local, x->ip6_local, 16), 0);
+
+        // The next pass without IPv6 for it: the list is emptied, summary 0.
+        entries plain;
+        plain.add(1, "sensor");
+        ASSERT_EQ(compare_client_table(plain.head()), 0);
+        EXPECT_EQ(n->ip6_state, 0);
+        EXPECT_TRUE(globals_of(n).empty());
+        EXPECT_EQ(n->ip6_only, 0);
+        free(info.addresses->next);
+        free(info.addresses);
+    }));
+}

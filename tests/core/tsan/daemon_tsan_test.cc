@@ -56,9 +56,10 @@ bool private_world()
         std::perror("private namespaces (run as root)");
         return false;
     }
-    // Whole throw-away /etc and /var: a directory made on the host's
-    // file system would outlive the namespace.
-    for (const char *d : {"/etc", "/var"}) {
+    // Whole throw-away /etc, /var and /tmp (where the start creates the
+    // lease file it watches): a file made on the host's file system would
+    // outlive the namespace.
+    for (const char *d : {"/etc", "/var", "/tmp"}) {
         if (mount("none", d, "tmpfs", 0, "mode=0755") != 0) {
             std::perror(d);
             return false;

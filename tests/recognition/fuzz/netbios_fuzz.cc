@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     netbios_result r{};
     if (!netbios_parse_reply(std::span<const uint8_t>(data, size), id, r))
         return 0;
-    if (r.name_len > 16 || std::strlen(r.name) != r.name_len || std::strlen(r.domain) > 16)
+    if (r.name_len > 16 || std::strlen(r.name) != r.name_len || std::strlen(r.domain) > NETBIOS_DOMAIN_MAX)
         abort();
     if (r.has_domain)
         for (const char *p = r.domain; *p; p++)
