@@ -292,7 +292,8 @@ void mark_params_error(const char *path) noexcept
     if (!f || !std::fgets(line, sizeof(line), f.get()))
         return;
     line[12] = '\0';
-    if (std::strlen(line) == 12 && fing_state_name_ok(line))
+    // A client without names has no section yet; the mark must stay.
+    if (std::strlen(line) == 12 && fing_state_name_ok(line) && fing_state_ensure(FING_PACKAGE, line) >= 0)
         fing_state_set(FING_PACKAGE, line, "params_error", "1");
 }
 

@@ -122,4 +122,34 @@ def test_malformed_reply_keeps_the_daemon(c):
         c.check("QUERY FAIL" in sb.console(), "the failed query is on the console")
 
 
-labtest.main([test_request_and_reply, test_no_consent_sends_nothing, test_malformed_reply_keeps_the_daemon])
+def test_refused_batch_is_retried_one_by_one(c):
+    with Lab() as lab:
+        lab.add_port("lan1")
+        clients = lab.add_clients([dict(name=f"r{i}", port="lan1", dhcp=False) for i in range(3)])
+        # The batch is refused, then the first two alone are answered and
+        # the third is refused again.
+        ok = {"code": 0, "result": {"clientList": []}}
+        sb = lab.sandbox()
+        if not sb.start_ubusd():
+            c.check(False, "ubusd built")
+            return
+        sb.write_packages({"fing": fing_package("yes")})
+        sb.set_standin(fing_replies=[{"code": -5002}, ok, ok, {"code": -5002}], fing_reply=None)
+        sb.start_daemon()
+        sb.wait_bus_object("lanroster", 30)
+        calls = sb.wait_calls("fing_device_recognize", 4, timeout=40)
+        c.equal(len(calls), 4, "one batch request and three single ones")
+        if len(calls) < 4:
+            return
+        sizes = [len(json.loads(x["files"].get(REQUEST) or "{}").get("clientList", [])) for x in calls]
+        c.equal(sizes, [3, 1, 1, 1], "the refused batch goes again one MAC a request")
+        last = json.loads(calls[3]["files"][REQUEST])["clientList"][0]["mac"]
+        hexmac = last.replace("-", "")
+        r = sb.run(["uci", "-P", "/var/state", "get", f"fing.{hexmac}.params_error"])
+        c.equal(r.stdout.strip(), "1", "the MAC refused alone is marked params_error")
+        c.check(last in [dashed(x) for x in clients], "and it is one of the three")
+        c.equal(sb.wait(0), None, "the daemon still runs")
+
+
+labtest.main([test_request_and_reply, test_no_consent_sends_nothing, test_malformed_reply_keeps_the_daemon,
+              test_refused_batch_is_retried_one_by_one])
