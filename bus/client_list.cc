@@ -78,6 +78,17 @@ template <typename T> void keep_if_ok(int result, T *&rows, int &count) noexcept
     }
 }
 
+// The same for the wired traffic array, which counts as there when the
+// service answered, even with no row: a wired client then shows zeros.
+template <typename T> void keep_if_answered(int result, T *&rows, int &count) noexcept
+{
+    if (result != 0 || !rows) {
+        std::free(rows);
+        rows = nullptr;
+        count = 0;
+    }
+}
+
 bool workaround_applies() noexcept
 {
     return system_info.support_tfstats_workaround &&
@@ -92,7 +103,7 @@ void gather_sources(const hist_list_request &req, gathered &g) noexcept
             int r = hist_sources.workaround_tfstats(&g.wlan_tfstats, &g.lan_tfstats, &g.wlan_tfstats_count,
                                                     &g.lan_tfstats_count);
             keep_if_ok(r, g.wlan_tfstats, g.wlan_tfstats_count);
-            keep_if_ok(r, g.lan_tfstats, g.lan_tfstats_count);
+            keep_if_answered(r, g.lan_tfstats, g.lan_tfstats_count);
         }
     }
     if (system_info.support_high_bandwidth_occupancy && req.high_bandwidth_occupancy)

@@ -142,8 +142,7 @@ void test_pctl(void *) noexcept
 void test_tfstats_seg() noexcept
 {
     LR_LOG(7, "[lr] test_tfstats_seg\n");
-    // The segment query for "192.168.0.205" per "minute" is not in yet.
-    int ret = -1;
+    int ret = tfstats_seg_over_limit("192.168.0.205", "minute");
     LR_LOG(7, "[lr] ret = %d\n", ret);
 }
 

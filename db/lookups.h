@@ -5,8 +5,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 struct uloop_timeout;
+struct client_node;
 
 struct device_type_info {
     uint8_t mac[6];
@@ -38,3 +40,19 @@ void mac_oui_dict_clean_cb(uloop_timeout *timeout) noexcept;
 // Readers of the client list: 0 with a fresh array the caller frees, or -1.
 int get_pctl_device_type_info(device_type_info **rows, int *count) noexcept;
 int get_fing_info(fing_info **rows, int *count) noexcept;
+
+// The pctl reader on any stream, at most `max` rows (the second pass of
+// get_pctl_device_type_info); the rows filled. With `rows` null it counts
+// the lines that have both fields.
+int pctl_device_lines(FILE *file, device_type_info *rows, int max) noexcept;
+
+// The new clients of this pass, from the file of the new-client notifier:
+// at most NEW_CLIENT_MAX MACs travel at once.
+inline constexpr int NEW_CLIENT_MAX = 388;
+inline constexpr char NEW_CLIENTS_FILE[] = "/tmp/new_access_clients";
+// 0 with the MACs in `macs` (room for NEW_CLIENT_MAX) and their count, or -1
+// when the file does not open.
+int get_new_client(uint8_t (*macs)[6], int *count) noexcept;
+// Row of the end-of-pass table: brings the policy mirrors of the new clients
+// up to date. 0, or -1 when the file could not be read.
+int new_client_database_update(client_node *unused) noexcept;

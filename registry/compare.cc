@@ -11,6 +11,9 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "db/system_info.h"
+#include "db/lookups.h"
+#include "recognition/fing_report.h"
+#include "recognition/http_user_agent.h"
 #include "recognition/new_client_notify.h"
 #include "registry/history_list_mgmt.h"
 #include "registry/ip6_copy.h"
@@ -160,12 +163,16 @@ const status_callback_row status_callback_table[] = {
     {.status = 0, .rows = nullptr},
 };
 
-// Report flushes, policy values of new clients, the cloud upload and user
-// agents, in that order. The policy values of new clients (between the two
-// flushes), the recognition batch flush and what follows are not in yet.
+// Report flushes, policy values of new clients (between the two flushes,
+// while the new-clients file is still unconsumed), the cloud upload and
+// user agents, in that order.
 const callback_pair end_of_pass_table[] = {
     {.in_thread = 0, .function = smart_home_flush},
+    {.in_thread = 0, .function = new_client_database_update},
     {.in_thread = 0, .function = new_access_flush},
+    {.in_thread = 0, .function = fing_report_flush},
+    {.in_thread = 0, .function = check_http_user_agent},
+    {.in_thread = 0, .function = fing_periodic},
     {.in_thread = 0, .function = nullptr},
 };
 

@@ -128,3 +128,34 @@ int run_command_capture(const char *const argv[], char *buffer, size_t size, int
     reap_by(pid, got == size ? now_ms() : deadline);
     return static_cast<int>(got);
 }
+
+int run_command_wait_timeout(const char *const argv[], int timeout_ms) noexcept
+{
+    if (!argv || !argv[0])
+        return -1;
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attr, 0);
+    pid_t pid = -1;
+    int rc = posix_spawnp(&pid, argv[0], nullptr, &attr, const_cast<char *const *>(argv), environ);
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0)
+        return -1;
+    long long deadline = now_ms() + (timeout_ms > 0 ? timeout_ms : 0);
+    int status = 0;
+    for (;;) {
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid)
+            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        if (r < 0 && errno != EINTR)
+            return -1;
+        if (now_ms() >= deadline)
+            break;
+        usleep(10000);
+    }
+    kill(-pid, SIGKILL);
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return -1;
+}

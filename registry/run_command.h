@@ -8,6 +8,10 @@
 // when it could not be started.
 int run_command_wait(const char *const argv[]) noexcept;
 
+// Like run_command_wait, but a program still running after `timeout_ms`
+// is killed with its process group, and the result is then -1.
+int run_command_wait_timeout(const char *const argv[], int timeout_ms) noexcept;
+
 // Starts argv[0] and does not wait for it, like "cmd &" in a shell: the
 // program is left to init, so no zombie stays behind.
 void run_command_detached(const char *const argv[]) noexcept;

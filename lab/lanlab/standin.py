@@ -7,6 +7,8 @@ command, its arguments, its standard input and the files it was handed.
 Answers come from $LANROSTER_LAB_RUN/standin.json, which tests may change:
   {"boardprobe": {"MAC": "...", "DEV_ID": "..."}, "online_test_exit": 0,
    "fing_reply": {...} or null, "exit": {"lua": 0, ...}}
+"fing_replies": [...] answers the n-th call of fing_device_recognize with its
+n-th element (null: no reply file), and "fing_reply" once the list is used up.
 A boardprobe answer may also be {"flood": n}: n bytes of "x" and no line
 end; and "boardprobe_hang": true makes it sleep after answering, holding
 its output open, until it is killed."""
@@ -27,6 +29,14 @@ def read_text(path, limit=1 << 20):
             return f.read(limit).decode("utf-8", "replace")
     except OSError:
         return None
+
+
+def count_calls(path, name):
+    try:
+        with open(path) as f:
+            return sum(1 for line in f if json.loads(line).get("cmd") == name)
+    except (OSError, ValueError):
+        return 0
 
 
 def read_stdin():
@@ -76,6 +86,11 @@ def main():
     elif name == "fing_device_recognize":
         record["files"][FING_REQUEST] = read_text(FING_REQUEST)
         reply = conf.get("fing_reply")
+        replies = conf.get("fing_replies")
+        if isinstance(replies, list) and run_dir:
+            earlier = count_calls(os.path.join(run_dir, "calls.jsonl"), name)
+            if earlier < len(replies):
+                reply = replies[earlier]
         if reply is not None:
             os.makedirs(os.path.dirname(FING_REPLY), exist_ok=True)
             with open(FING_REPLY, "w") as f:

@@ -36,6 +36,8 @@ struct fake_sources {
     std::vector<device_type_info> categories;
     std::vector<uint8_t> heavy, mesh_agents, gaming;
     int file_client_calls = 0;
+    // The wired traffic service answered with no row at all.
+    bool lan_tf_answered_empty = false;
 };
 fake_sources fake;
 
@@ -63,7 +65,7 @@ int deliver_macs(const std::vector<uint8_t> &macs, uint8_t **out, int *count) no
     return 0;
 }
 
-// The readers of other services that are not in yet give their rows from
+// The readers of other services give their rows from
 // here; the file clients come from the real reader of the daemon's package
 // (counted). The clock is fixed so that times read exactly.
 const hist_source_ops fake_ops = {
@@ -71,6 +73,8 @@ const hist_source_ops fake_ops = {
     [](tfstats_entry **w, tfstats_entry **l, int *wc, int *lc) noexcept {
         deliver(fake.wlan_tf, w, wc);
         deliver(fake.lan_tf, l, lc);
+        if (fake.lan_tf_answered_empty)
+            *l = static_cast<tfstats_entry *>(std::calloc(1, sizeof(tfstats_entry)));
         return 0;
     },
     [](uint8_t **m, int *c) noexcept { return deliver_macs(fake.heavy, m, c); },
@@ -625,6 +629,24 @@ TEST_F(ClientList, TrafficKeysAndTheWorkaroundArrays)
     system_info.qos_enable = 1;                         // the workaround is off then
     list = query(r);
     EXPECT_EQ(value_of(list[1], "uploadSpeed"), "0");
+}
+
+TEST_F(ClientList, AnEmptyWiredArrayMeansZerosForWiredClients)
+{
+    system_info.support_tfstats = 1;
+    system_info.support_tfstats_workaround = 1;
+    add(3, STATUS_ONLINE_LAST_TIME, 10);
+    wireless_station s{};
+    mac_of(3, s.mac);
+    fake.stations = {s}; // a radio row, so without a wired array the wireless one counts
+    tfstats_entry w3{{0x02, 0, 0, 0, 0, 3}, 0, 70, 80};
+    fake.wlan_tf = {w3};
+    auto r = plain(1);
+    r.tfstats = 1;
+    r.wireless = 1;
+    EXPECT_EQ(value_of(query(r)[0], "downloadSpeed"), "80");
+    fake.lan_tf_answered_empty = true;
+    EXPECT_EQ(value_of(query(r)[0], "downloadSpeed"), "0");
 }
 
 TEST_F(ClientList, PolicyKeys)

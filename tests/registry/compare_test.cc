@@ -12,7 +12,10 @@
 #include <tuple>
 
 #include "core/timers.h"
+#include "db/lookups.h"
 #include "db/system_info.h"
+#include "recognition/fing_report.h"
+#include "recognition/http_user_agent.h"
 #include "recognition/new_client_notify.h"
 #include "registry/compare.h"
 #include "registry/history_list_mgmt.h"
@@ -79,8 +82,14 @@ TEST(Compare, TablesAreTerminatedAndInOrder)
         }
     }
     EXPECT_EQ(end_of_pass_table[0].function, smart_home_flush);
-    EXPECT_EQ(end_of_pass_table[1].function, new_access_flush);
-    EXPECT_EQ(end_of_pass_table[2].function, nullptr);
+    EXPECT_EQ(end_of_pass_table[1].function, new_client_database_update);
+    EXPECT_EQ(end_of_pass_table[2].function, new_access_flush);
+    EXPECT_EQ(end_of_pass_table[3].function, fing_report_flush);
+    EXPECT_EQ(end_of_pass_table[4].function, check_http_user_agent);
+    EXPECT_EQ(end_of_pass_table[5].function, fing_periodic);
+    EXPECT_EQ(end_of_pass_table[6].function, nullptr);
+    for (const callback_pair *p = end_of_pass_table; p->function; p++)
+        EXPECT_EQ(p->in_thread, 0);
 }
 
 TEST(Compare, ClientArrivesStaysLeavesAndComesBack)
