@@ -26,7 +26,6 @@
 #include "registry/run_command.h"
 
 std::atomic<int32_t> sysmode_cache{-1};
-std::atomic<int32_t> fing_auth_cache{-1};
 int32_t wait_cloud_time = 2;
 time_t last_query_fail_time = 0;
 char device_id[64] = {};

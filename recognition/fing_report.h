@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <ctime>
 
+#include "recognition/fing_auth.h"
+
 struct client_node;
 struct cJSON;
 
@@ -44,7 +46,7 @@ inline constexpr int32_t FING_WAIT_MAX = 7200;
 // table runs under history_list_lock), except the consent, which the bus
 // method stores from the loop thread.
 extern std::atomic<int32_t> sysmode_cache;
-extern std::atomic<int32_t> fing_auth_cache;
+// fing_auth_cache: recognition/fing_auth.h
 extern int32_t wait_cloud_time;
 extern time_t last_query_fail_time;
 extern char device_id[64];
