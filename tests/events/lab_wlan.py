@@ -65,6 +65,69 @@ def started(lab, c):
     return sb
 
 
+PASS_LINE = "update client by compare"
+
+
+class Deferred:
+    """Checks kept until it is known whether a pass ran in between."""
+
+    def __init__(self):
+        self.rows = []
+
+    def check(self, cond, what, detail=""):
+        self.rows.append((bool(cond), what, detail))
+        return cond
+
+    def equal(self, got, want, what):
+        return self.check(got == want, what, f"got {got!r}, want {want!r}")
+
+    def passed(self):
+        return all(ok for ok, _, _ in self.rows)
+
+    def commit(self, c):
+        for ok, what, detail in self.rows:
+            c.check(ok, what, detail)
+
+
+def join_and_leave(sb, d, phone):
+    """The whole sequence for one station; the statuses 6 and 8 hold until
+    the next pass settles them, so the caller repeats it when one ran."""
+    mark = len(sb.console())
+    t0 = time.monotonic()
+    sb.send_driver_event(driver.driver_event("wl1", driver.ASSOC_IND, phone))
+    row = {}
+
+    def listed():
+        row.update(row_of(sb, phone, 1))
+        return bool(row)
+    d.check(wait_until(listed, 10), "the associated station is listed by get_hist_list_new")
+    seen = time.monotonic() - t0
+    d.check(seen < 5, f"listed {seen:.3f} s after the datagram, with no pass needed")
+    d.equal(row.get("ifname"), "wl1", "ifname is the radio")
+    d.equal(row.get("connect_status"), 1, "online and current")
+    d.equal(print_client_status(sb, phone), 6, "print_client: the station has status 6")
+    d.check(f"Event_Assoc, ifname = wl1, mac = {short(phone)}" in sb.console()[mark:],
+            "Event_Assoc line on the console")
+
+    # Disassociation indication: offline at once, status 8.
+    sb.send_driver_event(driver.driver_event("wl1", driver.DISASSOC_IND, phone))
+    d.check(wait_until(lambda: row_of(sb, phone, 0).get("wire_type") == "offline", 10),
+            "the disassociated station is shown offline at once")
+    d.equal(print_client_status(sb, phone), 8, "print_client: the station has status 8")
+
+    # Reassociation on the other radio brings it back; deauthentication
+    # takes it off again.
+    sb.send_driver_event(driver.driver_event("wl0", driver.REASSOC_IND, phone))
+    d.check(wait_until(lambda: row_of(sb, phone, 1).get("ifname") == "wl0", 10),
+            "a reassociation lists it again, on wl0")
+    d.equal(print_client_status(sb, phone), 6, "print_client: status 6 again")
+    sb.send_driver_event(driver.driver_event("wl0", driver.DEAUTH_IND, phone))
+    d.check(wait_until(lambda: row_of(sb, phone, 0).get("wire_type") == "offline", 10),
+            "a deauthentication indication takes it offline")
+    d.equal(print_client_status(sb, phone), 8, "print_client: status 8 again")
+    return PASS_LINE not in sb.console()[mark:]
+
+
 def test_radio_join_and_leave(c):
     with Lab() as lab:
         lab.add_port("lan1")
@@ -74,40 +137,14 @@ def test_radio_join_and_leave(c):
         sb = started(lab, c)
         if not sb:
             return
-        phone = "02:77:00:00:00:01"
-        mark = len(sb.console())
-        t0 = time.monotonic()
-        sb.send_driver_event(driver.driver_event("wl1", driver.ASSOC_IND, phone))
-        row = {}
-
-        def listed():
-            row.update(row_of(sb, phone, 1))
-            return bool(row)
-        c.check(wait_until(listed, 10), "the associated station is listed by get_hist_list_new")
-        seen = time.monotonic() - t0
-        c.check(seen < 5, f"listed {seen:.3f} s after the datagram, with no pass needed")
-        c.equal(row.get("ifname"), "wl1", "ifname is the radio")
-        c.equal(row.get("connect_status"), 1, "online and current")
-        c.equal(print_client_status(sb, phone), 6, "print_client: the station has status 6")
-        c.check(f"Event_Assoc, ifname = wl1, mac = {short(phone)}" in sb.console()[mark:],
-                "Event_Assoc line on the console")
-
-        # Disassociation indication: offline at once, status 8.
-        sb.send_driver_event(driver.driver_event("wl1", driver.DISASSOC_IND, phone))
-        c.check(wait_until(lambda: row_of(sb, phone, 0).get("wire_type") == "offline", 10),
-                "the disassociated station is shown offline at once")
-        c.equal(print_client_status(sb, phone), 8, "print_client: the station has status 8")
-
-        # Reassociation on the other radio brings it back; deauthentication
-        # takes it off again.
-        sb.send_driver_event(driver.driver_event("wl0", driver.REASSOC_IND, phone))
-        c.check(wait_until(lambda: row_of(sb, phone, 1).get("ifname") == "wl0", 10),
-                "a reassociation lists it again, on wl0")
-        c.equal(print_client_status(sb, phone), 6, "print_client: status 6 again")
-        sb.send_driver_event(driver.driver_event("wl0", driver.DEAUTH_IND, phone))
-        c.check(wait_until(lambda: row_of(sb, phone, 0).get("wire_type") == "offline", 10),
-                "a deauthentication indication takes it offline")
-        c.equal(print_client_status(sb, phone), 8, "print_client: status 8 again")
+        # A pass that falls inside the sequence settles 6 to 5 and 8 to 4;
+        # then it is tried again with a new station.
+        for attempt in range(3):
+            d = Deferred()
+            quiet = join_and_leave(sb, d, f"02:77:00:00:01:{attempt:02x}")
+            if d.passed() or quiet or attempt == 2:
+                break
+        d.commit(c)
 
 
 def test_ignored_events(c):
