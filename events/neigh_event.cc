@@ -15,7 +15,7 @@
 #include "db/system_info.h"
 #include "events/assoc.h"
 #include "events/nl_intake.h"
-#include "scan/bridge.h"
+#include "scan/bridge.h" // FDB_CHUNK
 #include "scan/lan_info.h"
 #include "scan/topology.h"
 
@@ -72,12 +72,40 @@ const uint8_t *attr_data(const rtattr *a, size_t need) noexcept
     return reinterpret_cast<const uint8_t *>(a) + RTA_HDR_LEN;
 }
 
+// The whole forwarding table of "br-lan" from its sysfs file, read in
+// chunks of 64 records into a buffer the caller frees: the record count, or
+// -1. Only the file: the bridge ioctl needs the scan's control socket.
+int read_lan_fdb(uint8_t **records) noexcept
+{
+    FILE *f = fopen(LAN_BRFORWARD, "rb");
+    if (!f)
+        return -1;
+    int count = 0;
+    int capacity = 0;
+    for (;;) {
+        if (count + FDB_CHUNK > capacity) {
+            capacity += FDB_CHUNK;
+            void *p = realloc(*records, static_cast<size_t>(capacity) * FDB_ENTRY_LEN);
+            if (!p) {
+                fclose(f);
+                return -1;
+            }
+            *records = static_cast<uint8_t *>(p);
+        }
+        size_t n = fread(*records + static_cast<size_t>(count) * FDB_ENTRY_LEN, FDB_ENTRY_LEN, FDB_CHUNK, f);
+        count += static_cast<int>(n);
+        if (n < static_cast<size_t>(FDB_CHUNK))
+            break;
+    }
+    fclose(f);
+    return count;
+}
+
 void handle_join(const neigh_view &v) noexcept
 {
     assoc_event event{};
     uint8_t *records = nullptr;
-    int capacity = 0;
-    int count = fdb_read(lan_bridge_name, &records, &capacity);
+    int count = read_lan_fdb(&records);
     for (int i = 0; i < count; i++) {
         const uint8_t *rec = records + static_cast<size_t>(i) * FDB_ENTRY_LEN;
         if (std::memcmp(rec, v.mac, 6) != 0)

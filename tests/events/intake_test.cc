@@ -82,7 +82,8 @@ TEST(Intake, FilterKeepsIpv6NeighbourEventsInTheKernel)
         uloop_init();
         nl_event_socket rec{.sock = -1, .ufd = {}};
         ASSERT_EQ(create_nl_event(NETLINK_ROUTE, NL_GROUP_NEIGH, rtnl_event_handler, &rec), 0);
-        ASSERT_TRUE(sh("ip link add d0 type veth peer name d0p && ip link set d0p up && ip link set d0 up && ip addr add 10.9.0.1/24 dev d0"));
+        ASSERT_TRUE(sh("ip link add d0 type veth peer name d0p && ip link set d0p up && ip link set d0 up && "
+                       "ip addr add 10.9.0.1/24 dev d0"));
         // Twenty IPv6 neighbours and then one IPv4 one: netlink keeps the
         // order, so once the IPv4 event is there any IPv6 one would be too.
         std::string cmd = "true";
@@ -189,7 +190,8 @@ TEST(Intake, EnobufsIsReadPastAndTheQueuedDataIsPosted)
         ASSERT_EQ(create_nl_event(NETLINK_ROUTE, NL_GROUP_NEIGH, rtnl_event_handler, &rec), 0);
         int small = 1;
         ASSERT_EQ(setsockopt(rec.sock, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small)), 0);
-        ASSERT_TRUE(sh("ip link add d0 type veth peer name d0p && ip link set d0p up && ip link set d0 up && ip addr add 10.9.0.1/16 dev d0"));
+        ASSERT_TRUE(sh("ip link add d0 type veth peer name d0p && ip link set d0p up && ip link set d0 up && "
+                       "ip addr add 10.9.0.1/16 dev d0"));
         // Far more events than the smallest socket buffer holds.
         std::string batch = "/tmp/neigh.batch";
         FILE *f = fopen(batch.c_str(), "w");
