@@ -10,23 +10,21 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "core/locks.h"
 #include "core/log.h"
 #include "core/threadpool.h"
 #include "events/neigh_event.h"
+#include "events/wlan_ops.h"
+#include "scan/topology.h"
 
 nl_event_socket rtnl_event_socket = {.sock = -1, .ufd = {}};
+nl_event_socket wlan_event_socket = {.sock = -1, .ufd = {}};
 
 namespace
 {
 
 // Both handlers run on the uloop thread only, so one buffer does.
 uint8_t recv_buffer[NL_RECV_BUF_SIZE];
-
-// The driver's association socket comes with the radio drivers; not in yet.
-int wlan_event_intake_init() noexcept
-{
-    return 0;
-}
 
 // Byte 16 of a neighbour message is ndm_family, the first byte behind the
 // netlink header. Bridge forwarding and IPv4 neighbour events pass whole,
@@ -63,7 +61,7 @@ void close_socket(nl_event_socket *rec) noexcept
 
 // Copies one datagram into a task and posts it; false when an allocation
 // failed, which puts the caller into drop mode.
-bool post_datagram(const uint8_t *data, int size) noexcept
+bool post_datagram(const uint8_t *data, int size, void (*task_fn)(void *)) noexcept
 {
     auto *msg = static_cast<nl_event_msg *>(calloc(1, sizeof(nl_event_msg)));
     if (!msg) {
@@ -84,7 +82,7 @@ bool post_datagram(const uint8_t *data, int size) noexcept
         LR_LOG(2, "[lr] task alloc failed, entering drop mode");
         return false;
     }
-    task->fn = nl_neigh_handle;
+    task->fn = task_fn;
     task->arg = msg;
     task->next = nullptr;
     // A full queue turns the task away and frees the record; the copy is
@@ -92,6 +90,39 @@ bool post_datagram(const uint8_t *data, int size) noexcept
     if (threadpool_add_task(task, thread_pool) != 0)
         nl_event_msg_free(msg);
     return true;
+}
+
+// Reads every datagram waiting on `fd` and posts each copy as a `task_fn`
+// task; `name` tells the socket in the logs.
+void drain_event_socket(int fd, void (*task_fn)(void *), const char *name) noexcept
+{
+    bool dropping = false;
+    for (;;) {
+        std::memset(recv_buffer, 0, sizeof(recv_buffer));
+        sockaddr_storage source{};
+        socklen_t source_len = sizeof(source);
+        ssize_t size = recvfrom(fd, recv_buffer, sizeof(recv_buffer), MSG_DONTWAIT,
+                                reinterpret_cast<sockaddr *>(&source), &source_len);
+        if (size > 0) {
+            if (dropping)
+                continue;
+            if (!post_datagram(recv_buffer, static_cast<int>(size), task_fn))
+                dropping = true;
+            continue;
+        }
+        if (size == 0)
+            return; // an empty datagram: nothing to post, the level-triggered loop calls again
+        if (errno == EAGAIN || errno == EWOULDBLOCK)
+            return;
+        if (errno == ENOBUFS) {
+            // The kernel lost events when the socket overran; what is still
+            // queued is read normally, and the next pass repairs the rest.
+            LR_LOG(2, "[lr] %s ENOBUFS drop detected, draining data...", name);
+            continue;
+        }
+        LR_LOG(2, "[lr] %s recv error %d", name, errno);
+        return;
+    }
 }
 
 } // namespace
@@ -151,41 +182,51 @@ void rtnl_event_handler(uloop_fd *ufd, unsigned int events) noexcept
 {
     (void)events;
     LR_LOG(7, "[lr] rtnl_handler");
-    bool dropping = false;
-    for (;;) {
-        std::memset(recv_buffer, 0, sizeof(recv_buffer));
-        sockaddr_nl source{};
-        socklen_t source_len = sizeof(source);
-        ssize_t size = recvfrom(ufd->fd, recv_buffer, sizeof(recv_buffer), MSG_DONTWAIT,
-                                reinterpret_cast<sockaddr *>(&source), &source_len);
-        if (size > 0) {
-            if (dropping)
-                continue;
-            if (!post_datagram(recv_buffer, static_cast<int>(size)))
-                dropping = true;
-            continue;
-        }
-        if (size == 0)
-            return; // nothing a kernel sends; the level-triggered loop calls again
-        if (errno == EAGAIN || errno == EWOULDBLOCK)
-            return;
-        if (errno == ENOBUFS) {
-            // The kernel lost events when the socket overran; what is still
-            // queued is read normally, and the next pass repairs the rest.
-            LR_LOG(2, "[lr] rtnl ENOBUFS drop detected, draining data...");
-            continue;
-        }
-        LR_LOG(2, "[lr] rtnl recv error %d", errno);
-        return;
-    }
+    drain_event_socket(ufd->fd, nl_neigh_handle, "rtnl");
 }
+
+void wlan_nl_event_handler(uloop_fd *ufd, unsigned int events) noexcept
+{
+    (void)events;
+    LR_LOG(7, "[lr] wlan_nl_event_handler");
+    drain_event_socket(ufd->fd, wlan_event_task, "wlan_nl");
+}
+
+namespace
+{
+
+// Asks the driver for the events of each radio member of "br-lan". The
+// names are copied under wlan_lock and the driver is called without it.
+int enable_lan_radios() noexcept
+{
+    char names[RADIO_LIST_ROWS][16] = {};
+    int count = 0;
+    {
+        mutex_guard hold(wlan_lock);
+        for (; count < lan_wlanif_num && count < RADIO_LIST_ROWS; count++)
+            std::memcpy(names[count], lan_wlanif[count], sizeof(names[count]));
+    }
+    for (int i = 0; i < count; i++) {
+        if (enable_assoc_event(names[i]) != 0) {
+            LR_LOG(2, "[lr error] cant enable_assoc_event ifname=%s", names[i]);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+} // namespace
 
 int new_client_asscess_init() noexcept
 {
     if (create_nl_event(NETLINK_ROUTE, NL_GROUP_NEIGH, rtnl_event_handler, &rtnl_event_socket) != 0)
         return -1;
-    if (wlan_event_intake_init() != 0) {
+    if (wlan_aware_init(&wlan_event_socket, wlan_nl_event_handler) != 0) {
         close_socket(&rtnl_event_socket);
+        return -1;
+    }
+    if (enable_lan_radios() != 0) {
+        close_event_sockets();
         return -1;
     }
     LR_LOG(7, "[lr] new_client_asscess_init completed");
@@ -195,4 +236,5 @@ int new_client_asscess_init() noexcept
 void close_event_sockets() noexcept
 {
     close_socket(&rtnl_event_socket);
+    close_socket(&wlan_event_socket);
 }

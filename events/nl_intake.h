@@ -16,7 +16,9 @@ struct nl_event_socket {
     uloop_fd ufd;
 };
 
-// One datagram for the worker; it may hold several netlink messages.
+// One datagram for the worker; it may hold several netlink messages. A
+// driver datagram travels in the same record, so its parser knows where
+// the copy ends.
 struct nl_event_msg {
     uint8_t *buf;
     int32_t len;
@@ -28,6 +30,9 @@ inline constexpr int NL_RECV_BUF_SIZE = 16384;
 inline constexpr uint32_t NL_GROUP_NEIGH = 4;
 
 extern nl_event_socket rtnl_event_socket;
+// The radio driver's association events (see wlan_ops.h); -1 when the
+// build has no driver table.
+extern nl_event_socket wlan_event_socket;
 
 // Sets up the event sockets: 0, or -1 (then nothing is left open).
 int new_client_asscess_init() noexcept;
@@ -42,5 +47,8 @@ int create_nl_event(int protocol, uint32_t groups, uloop_fd_handler cb, nl_event
 int set_nl_filter(int sock, uint32_t groups) noexcept;
 
 void rtnl_event_handler(uloop_fd *ufd, unsigned int events) noexcept;
+// The same drain on the driver socket; its tasks go through the driver
+// table's event operation.
+void wlan_nl_event_handler(uloop_fd *ufd, unsigned int events) noexcept;
 
 void nl_event_msg_free(nl_event_msg *msg) noexcept;

@@ -1,11 +1,12 @@
 """The demo: a home LAN of a dozen devices with the daemon in it; the LAN
 roster as the daemon tells it over the bus, before and after one device
-leaves and another joins, and the two clients of a second mesh node as that
-node reports them. Shows what exists so far and says what does not."""
+leaves and another joins, the two clients of a second mesh node as that
+node reports them, and a phone that the radio driver reports is listed at
+once. Shows what exists so far and says what does not."""
 import os
 import time
 
-from . import mesh, scenarios, sweep, util
+from . import driver, mesh, scenarios, sweep, util
 from .lab import Lab
 from .roster import format_table, roster_rows
 from .sandbox import default_build_dir
@@ -120,6 +121,28 @@ def show_mesh_peer(d):
     table(mesh.peer_rows(d.sb, listed), mesh.PEER_HEADERS)
 
 
+RADIO_PHONE = "3c:22:fb:10:20:0e"
+
+
+def radio_event(d):
+    """The radio driver tells of a phone that associates on wl1: the daemon
+    lists it at once, before any pass."""
+    section(f"radio event: a phone ({RADIO_PHONE}) associates on wl1 (driver datagram to 127.0.0.1:44032)")
+    mac = RADIO_PHONE.upper().replace(":", "-")
+    t0 = time.monotonic()
+    d.sb.send_driver_event(driver.driver_event("wl1", driver.ASSOC_IND, RADIO_PHONE))
+    row = None
+    while row is None and time.monotonic() - t0 < 10:
+        row = next((c for c in d.sb.hist_list(online_type=1) if c.get("mac") == mac), None)
+        time.sleep(0.005)
+    if row:
+        say(f"listed after {1000 * (time.monotonic() - t0):.0f} ms on {row.get('ifname')} "
+            f"({row.get('wire_type')}), no pass needed")
+        say(format_table(roster_rows(d.sb)))
+    else:
+        say("the daemon did not list it within 10 s")
+
+
 def main(build_dir=None):
     build_dir = build_dir or default_build_dir()
     t0 = time.monotonic()
@@ -162,6 +185,7 @@ def main(build_dir=None):
                 "once build/lanroster answers on the bus.")
         if d.bus:
             show_mesh_peer(d)
+            radio_event(d)
         if d.running:
             say(f"\ndaemon console lines captured: {len(d.sb.console().splitlines())}; "
                 f"platform commands it ran: {sorted({c['cmd'] for c in d.sb.calls()})}")
