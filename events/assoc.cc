@@ -41,16 +41,6 @@ void log_verdict(verdict v, const assoc_event &event) noexcept
            event.mac[5], event.ifname, event.active_port, ip);
 }
 
-// Time of the connection: the uptime it happened at, and whether the clock
-// could be trusted then.
-void stamp_connection(client_node *node) noexcept
-{
-    struct sysinfo info {
-    };
-    node->access_uptime = sysinfo(&info) == 0 ? static_cast<int32_t>(info.uptime) : 0;
-    node->clock_state = access(NTP_SERVER_FILE, F_OK) != 0 ? CLOCK_NOT_SET : CLOCK_SET;
-}
-
 // Unlinks `node`, whose predecessor in the live list is `prev`.
 void unlink_after(client_node *node, client_node *prev) noexcept
 {
@@ -59,22 +49,6 @@ void unlink_after(client_node *node, client_node *prev) noexcept
     else
         set_history_list(node->next);
     node->next = nullptr;
-}
-
-void dump_client_info(client_node *node) noexcept
-{
-    LR_LOG(7, "[lr] dump_client_info del_node=%p", static_cast<void *>(node));
-    node->status = STATUS_DISCONNECT;
-    node->ip = 0;
-    node->ip6_state = 0;
-    node->ip6_only = 0;
-    std::memset(node->ip6_local, 0, sizeof(node->ip6_local));
-    free_ip6_globals(node);
-    node->leave_time = static_cast<lr_time32>(time(nullptr));
-    std::memset(node->ifname, 0, sizeof(node->ifname));
-    node->is_mesh_client = 0;
-    std::memset(node->connect_device_mac, 0, sizeof(node->connect_device_mac));
-    std::memset(node->connect_device_id, 0, sizeof(node->connect_device_id));
 }
 
 // Walk for a join: the first record of the MAC anywhere in the list.
@@ -116,6 +90,33 @@ verdict decide_leave(const assoc_event &event, client_node **node, client_node *
 }
 
 } // namespace
+
+// Time of the connection: the uptime it happened at, and whether the clock
+// could be trusted then.
+void stamp_connection(client_node *node) noexcept
+{
+    struct sysinfo info {
+    };
+    node->access_uptime = sysinfo(&info) == 0 ? static_cast<int32_t>(info.uptime) : 0;
+    node->clock_state = access(NTP_SERVER_FILE, F_OK) != 0 ? CLOCK_NOT_SET : CLOCK_SET;
+}
+
+// A record taken offline by an event: its addresses, port and peer go.
+void dump_client_info(client_node *node) noexcept
+{
+    LR_LOG(7, "[lr] dump_client_info del_node=%p", static_cast<void *>(node));
+    node->status = STATUS_DISCONNECT;
+    node->ip = 0;
+    node->ip6_state = 0;
+    node->ip6_only = 0;
+    std::memset(node->ip6_local, 0, sizeof(node->ip6_local));
+    free_ip6_globals(node);
+    node->leave_time = static_cast<lr_time32>(time(nullptr));
+    std::memset(node->ifname, 0, sizeof(node->ifname));
+    node->is_mesh_client = 0;
+    std::memset(node->connect_device_mac, 0, sizeof(node->connect_device_mac));
+    std::memset(node->connect_device_id, 0, sizeof(node->connect_device_id));
+}
 
 client_node *update_client_by_event(const assoc_event &event, int status, client_node *node,
                                     client_node *prev) noexcept

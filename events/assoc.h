@@ -28,3 +28,10 @@ int assco_event_handler(assoc_event event) noexcept;
 // head); `status` is 1 (new), 3 (back) or 4 (gone).
 client_node *update_client_by_event(const assoc_event &event, int status, client_node *node,
                                     client_node *prev) noexcept;
+
+// Shared by the association and mesh handlers, with the lock held:
+// the uptime of a connection and whether the clock could be trusted then.
+void stamp_connection(client_node *node) noexcept;
+// A record taken offline by an event: status 8, its addresses, port and
+// peer go, and the leave time is now.
+void dump_client_info(client_node *node) noexcept;

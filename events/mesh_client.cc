@@ -111,23 +111,6 @@ void run_status_rows(int32_t status, client_node *node)
     }
 }
 
-// A record taken offline by an event: its addresses, port and peer go.
-void dump_client_info(client_node *node)
-{
-    LR_LOG(7, "[lr] dump_client_info del_node=%p", static_cast<void *>(node));
-    node->status = STATUS_DISCONNECT;
-    node->ip = 0;
-    node->ip6_state = 0;
-    node->ip6_only = 0;
-    std::memset(node->ip6_local, 0, sizeof(node->ip6_local));
-    free_ip6_globals(node);
-    node->leave_time = static_cast<lr_time32>(time(nullptr));
-    std::memset(node->ifname, 0, sizeof(node->ifname));
-    node->is_mesh_client = 0;
-    std::memset(node->connect_device_mac, 0, sizeof(node->connect_device_mac));
-    std::memset(node->connect_device_id, 0, sizeof(node->connect_device_id));
-}
-
 void log_mesh_client(const char *what, const client_node *node)
 {
     LR_LOG(6, "%s mesh client, mac = %02x-%02x, wired : %d, guest : %d, conn_state : %d", what, node->mac[4],
@@ -169,7 +152,7 @@ void merge_entry(blob_attr **tb, const peer_report &peer)
             unlink_node(node);
             set_node_status(node, STATUS_RECONNECT);
             update_mesh_client_info(tb, peer.device_mac, peer.device_id, node);
-            mesh_stamp_connection(node);
+            stamp_connection(node);
             node->status = STATUS_MESH_ONLINE;
             event = STATUS_RECONNECT;
             log_mesh_client("reconnect", node);

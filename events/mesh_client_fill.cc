@@ -62,15 +62,6 @@ uint32_t ip_or_zero(const char *text)
     return inet_pton(AF_INET, text, &a) == 1 ? a.s_addr : 0;
 }
 
-// A connection's uptime and whether the clock was set when it began.
-void stamp_connection(client_node *node)
-{
-    struct sysinfo info {
-    };
-    node->access_uptime = sysinfo(&info) == 0 ? static_cast<int32_t>(info.uptime) : 0;
-    node->clock_state = access(NTP_SERVER_FILE, F_OK) == 0 ? CLOCK_SET : CLOCK_NOT_SET;
-}
-
 // Fields that every report of the peer renews.
 void copy_entry(blob_attr *const *tb, const char *device_mac, const char *device_id, client_node *node)
 {
@@ -171,11 +162,6 @@ void update_mesh_client_info(blob_attr *const *tb, const char *device_mac, const
 {
     LR_LOG(7, "[lr] update_mesh_client_info");
     copy_entry(tb, device_mac, device_id, node);
-}
-
-void mesh_stamp_connection(client_node *node) noexcept
-{
-    stamp_connection(node);
 }
 
 void print_mesh_update_msg(const blob_attr *blob) noexcept

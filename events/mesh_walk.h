@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "core/openwrt.h"
+#include "events/assoc.h"
 #include "events/mesh_client.h"
 
 // The text of a STRING attribute, or "" when it is absent or its payload is
@@ -97,6 +98,3 @@ inline bool parse_mesh_message(const blob_attr *msg, blob_attr **tb) noexcept
     }
     return true;
 }
-
-// A connection's uptime and whether the clock was set when it began.
-void mesh_stamp_connection(client_node *node) noexcept;
