@@ -66,8 +66,8 @@ inline constexpr char EVENT_PREFIX[] = "lanroster.";
 inline constexpr char EVENT_PATTERN[] = "lanroster.*";
 
 // Event names behind the prefix and the task each one posts; compared in
-// table order, the table ends at a row with no name. A row whose task is
-// not in yet is treated as an unknown name.
+// table order, the table ends at a row with no name. A row without a task
+// is treated as an unknown name.
 struct event_task_row {
     const char *name;
     void (*task)(void *message) noexcept;
