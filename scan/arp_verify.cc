@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <time.h>
 
+#include "core/clock.h"
 #include "core/locks.h"
 #include "core/stop.h"
 #include "core/unique_fd.h"
@@ -216,14 +217,6 @@ void receive_frames(int fd)
         if (parse_arp_frame(std::span<const uint8_t>(frame, static_cast<size_t>(n)), info) && info.op == 2)
             take_reply(info);
     }
-}
-
-double elapsed_ms(const timespec &start)
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec - start.tv_sec) * 1000.0 +
-           static_cast<double>(now.tv_nsec - start.tv_nsec) / 1000000.0;
 }
 
 } // namespace

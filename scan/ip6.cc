@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/clock.h"
 #include "core/locks.h"
 #include "core/log.h"
 #include "core/stop.h"
@@ -395,14 +396,6 @@ void receive_advertisements(int fd)
         if (parse_na_frame(std::span<const uint8_t>(frame, static_cast<size_t>(n)), info))
             take_advertisement_locked(info.source, info.source_mac);
     }
-}
-
-double elapsed_ms(const timespec &start)
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<double>(now.tv_sec - start.tv_sec) * 1000.0 +
-           static_cast<double>(now.tv_nsec - start.tv_nsec) / 1000000.0;
 }
 
 } // namespace
